@@ -1,0 +1,68 @@
+// HTTP requests of the device utilities: a request description and a runner that performs
+// it over libcurl.
+#ifndef NBUTILS_HTTP_REQUEST_H_
+#define NBUTILS_HTTP_REQUEST_H_
+
+#include <chrono>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace norbel {
+namespace utilities {
+
+// An HTTP request: method, full address, and ordered lists of form fields and headers.
+class HttpRequest {
+ public:
+  HttpRequest(const std::string& method, const std::string& url);
+
+  // Appends one form field; fields are sent in the order added, url-encoded.
+  void AddPostParam(const std::string& name, const std::string& value);
+  void AddPostParam(const std::string& name, int value);
+  void AddHeader(const std::string& name, const std::string& value);
+
+  const std::string& method() const { return method_; }
+  const std::string& url() const { return url_; }
+  const std::vector<std::pair<std::string, std::string>>& post_params() const {
+    return post_params_;
+  }
+  const std::vector<std::pair<std::string, std::string>>& headers() const { return headers_; }
+
+ private:
+  std::string method_;
+  std::string url_;
+  std::vector<std::pair<std::string, std::string>> post_params_;
+  std::vector<std::pair<std::string, std::string>> headers_;
+};
+
+// Performs requests. Redirects are not followed: a 3xx answer comes back with its status.
+// TLS peers and host names are verified.
+class HttpRequestRunner {
+ public:
+  // Answers larger than this are a transfer failure, so that a hostile server cannot exhaust
+  // the device's memory.
+  static constexpr size_t kMaxBodyBytes = 32u << 20;
+
+  HttpRequestRunner();
+  ~HttpRequestRunner();
+  HttpRequestRunner(const HttpRequestRunner&) = delete;
+  HttpRequestRunner& operator=(const HttpRequestRunner&) = delete;
+
+  // Performs `request`; `limit` is the time limit of the whole transfer in seconds (the
+  // connection itself must be made within a third of it, at most 10 s). Stores the HTTP status
+  // and the whole answer body. Returns 0 on success and a non-zero curl error code on any
+  // transfer failure (refused, reset, time-out, TLS, body over kMaxBodyBytes).
+  int PerformRequest(const HttpRequest& request, long* http_code, std::vector<char>* body,
+                     unsigned int limit);
+};
+
+namespace testing {
+// Replaces every runner's time limit by `limit` (zero restores the caller's limit). For tests
+// that need a stalled server to time out quickly; never used by the library.
+void SetRequestTimeLimitOverride(std::chrono::milliseconds limit);
+}  // namespace testing
+
+}  // namespace utilities
+}  // namespace norbel
+
+#endif  // NBUTILS_HTTP_REQUEST_H_

@@ -1,0 +1,150 @@
+#include "nbutils/http_request.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <mutex>
+
+namespace norbel {
+namespace utilities {
+namespace {
+
+std::atomic<int64_t> g_limit_override_ms{0};
+
+void GlobalInitOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+struct CurlDeleter {
+  void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
+};
+struct SlistDeleter {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+struct BodySink {
+  std::vector<char>* body;
+  bool too_large = false;
+};
+
+size_t WriteBody(char* data, size_t size, size_t count, void* user) {
+  auto* sink = static_cast<BodySink*>(user);
+  size_t bytes = size * count;
+  if (sink->body->size() + bytes > HttpRequestRunner::kMaxBodyBytes) {
+    sink->too_large = true;
+    return 0;  // makes curl fail the transfer with CURLE_WRITE_ERROR
+  }
+  sink->body->insert(sink->body->end(), data, data + bytes);
+  return bytes;
+}
+
+std::string Escape(CURL* curl, const std::string& text) {
+  char* escaped = curl_easy_escape(curl, text.data(), static_cast<int>(text.size()));
+  if (escaped == nullptr) return std::string();
+  std::string result(escaped);
+  curl_free(escaped);
+  return result;
+}
+
+std::string FormBody(CURL* curl, const HttpRequest& request) {
+  std::string form;
+  for (const auto& [name, value] : request.post_params()) {
+    if (!form.empty()) form += '&';
+    form += Escape(curl, name);
+    form += '=';
+    form += Escape(curl, value);
+  }
+  return form;
+}
+
+}  // namespace
+
+HttpRequest::HttpRequest(const std::string& method, const std::string& url)
+    : method_(method), url_(url) {}
+
+void HttpRequest::AddPostParam(const std::string& name, const std::string& value) {
+  post_params_.emplace_back(name, value);
+}
+
+void HttpRequest::AddPostParam(const std::string& name, int value) {
+  post_params_.emplace_back(name, std::to_string(value));
+}
+
+void HttpRequest::AddHeader(const std::string& name, const std::string& value) {
+  headers_.emplace_back(name, value);
+}
+
+HttpRequestRunner::HttpRequestRunner() { GlobalInitOnce(); }
+
+HttpRequestRunner::~HttpRequestRunner() = default;
+
+int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_code,
+                                      std::vector<char>* body, unsigned int limit) {
+  std::unique_ptr<CURL, CurlDeleter> curl(curl_easy_init());
+  if (!curl) return CURLE_FAILED_INIT;
+  CURL* c = curl.get();
+
+  int64_t limit_ms = g_limit_override_ms.load();
+  if (limit_ms <= 0) limit_ms = static_cast<int64_t>(limit) * 1000;
+  int64_t connect_ms = std::clamp<int64_t>(limit_ms / 3, 1, 10000);
+
+  curl_easy_setopt(c, CURLOPT_URL, request.url().c_str());
+  curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 2L);
+  curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(limit_ms));
+  curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connect_ms));
+  curl_easy_setopt(c, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(c, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxBodyBytes));
+
+  std::string form;
+  if (request.method() == "GET") {
+    curl_easy_setopt(c, CURLOPT_HTTPGET, 1L);
+  } else {
+    form = FormBody(c, request);
+    curl_easy_setopt(c, CURLOPT_POST, 1L);
+    curl_easy_setopt(c, CURLOPT_POSTFIELDS, form.c_str());
+    curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(form.size()));
+    if (request.method() != "POST") {
+      curl_easy_setopt(c, CURLOPT_CUSTOMREQUEST, request.method().c_str());
+    }
+  }
+
+  std::unique_ptr<curl_slist, SlistDeleter> headers;
+  for (const auto& [name, value] : request.headers()) {
+    std::string line = name + ": " + value;
+    headers.reset(curl_slist_append(headers.release(), line.c_str()));
+  }
+  if (headers) curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers.get());
+
+  std::vector<char> received;
+  BodySink sink{&received};
+  curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, WriteBody);
+  curl_easy_setopt(c, CURLOPT_WRITEDATA, &sink);
+
+  CURLcode err = curl_easy_perform(c);
+  long status = 0;
+  curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
+  if (http_code) *http_code = status;
+  if (err != CURLE_OK) {
+    if (body) body->clear();
+    return static_cast<int>(err);
+  }
+  if (body) body->swap(received);
+  return 0;
+}
+
+namespace testing {
+
+void SetRequestTimeLimitOverride(std::chrono::milliseconds limit) {
+  g_limit_override_ms.store(limit.count());
+}
+
+}  // namespace testing
+}  // namespace utilities
+}  // namespace norbel

@@ -1,0 +1,48 @@
+// The OPDS library's downloader: fetches resources into one folder, one at a time.
+#ifndef OPDSMODEL_RESOURCE_DOWNLOADER_H_
+#define OPDSMODEL_RESOURCE_DOWNLOADER_H_
+
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "nbutils/downloader.h"
+
+namespace norbel {
+namespace opds {
+
+class TaskQueue;
+
+class ResourceDownloader {
+ public:
+  // Downloads into the device folder `folder` (created when missing). `queue` may be null:
+  // then every download runs on the caller's thread.
+  ResourceDownloader(const std::string& folder, TaskQueue* queue);
+
+  // Fetches `url` into the folder under `file_name`. The name is confined to the folder:
+  // "/" and ".." cannot lead out of it. Returns 0 on success, non-zero on failure.
+  int DownloadResource(const std::string& url, const std::string& file_name,
+                       std::function<void(int)> progress);
+
+  // Safe from any thread while DownloadResource runs. `total` and `done` are bytes (clamped
+  // to the int range); `name` is the file name of the running download.
+  void GetProgress(bool* active, std::string* name, int* total, int* done);
+
+  // The status of the last finished download: declared content type and the device path
+  // of the file written.
+  utilities::Downloader::StatusInfo GetStatusInfo() const;
+
+  const std::string& folder() const { return folder_; }
+
+ private:
+  std::string folder_;
+  TaskQueue* queue_;
+  utilities::Downloader downloader_;
+  mutable std::mutex name_lock_;
+  std::string current_name_;
+};
+
+}  // namespace opds
+}  // namespace norbel
+
+#endif  // OPDSMODEL_RESOURCE_DOWNLOADER_H_

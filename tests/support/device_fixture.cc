@@ -1,0 +1,93 @@
+#include "support/device_fixture.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "host/environment.h"
+
+namespace vistrel_test {
+
+const std::string& Event::at(size_t i) const {
+  static const std::string kEmpty;
+  return i < fields.size() ? fields[i] : kEmpty;
+}
+
+void DeviceTest::SetUp() {
+  std::string pattern = ::testing::TempDir() + "vistrel_test_XXXXXX";
+  std::vector<char> buffer(pattern.begin(), pattern.end());
+  buffer.push_back('\0');
+  ASSERT_NE(mkdtemp(buffer.data()), nullptr);
+  work_dir_ = buffer.data();
+  device_root_ = work_dir_ + "/device";
+  log_file_ = work_dir_ + "/events.log";
+  setenv("VISTREL_DEVICE_ROOT", device_root_.c_str(), 1);
+  setenv("VISTREL_LOG_FILE", log_file_.c_str(), 1);
+  unsetenv("VISTREL_SERIAL_NUMBER");
+  unsetenv("VISTREL_SWITCHBOARD_URL");
+  ASSERT_TRUE(vistrel_host::PrepareDeviceRoot());
+}
+
+void DeviceTest::TearDown() {
+  std::error_code ignored;
+  std::filesystem::remove_all(work_dir_, ignored);
+}
+
+std::string DeviceTest::HostPath(const std::string& device_path) const {
+  return device_root_ + device_path;
+}
+
+void DeviceTest::WriteDeviceFile(const std::string& device_path,
+                                 const std::string& content) const {
+  std::filesystem::create_directories(std::filesystem::path(HostPath(device_path)).parent_path());
+  std::ofstream out(HostPath(device_path), std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+std::string DeviceTest::ReadDeviceFile(const std::string& device_path) const {
+  std::ifstream in(HostPath(device_path), std::ios::binary);
+  std::stringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+bool DeviceTest::DeviceFileExists(const std::string& device_path) const {
+  return std::filesystem::exists(HostPath(device_path));
+}
+
+std::vector<Event> DeviceTest::Events() const {
+  std::vector<Event> events;
+  std::ifstream in(log_file_);
+  std::string line;
+  while (std::getline(in, line)) {
+    Event event;
+    std::stringstream fields(line);
+    std::string field;
+    while (std::getline(fields, field, '\t')) event.fields.push_back(field);
+    events.push_back(std::move(event));
+  }
+  return events;
+}
+
+std::vector<std::string> DeviceTest::LogLines() const {
+  std::vector<std::string> lines;
+  for (const Event& event : Events()) {
+    const std::string& kind = event.at(0);
+    if (kind.empty() || kind.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::string line;
+    for (size_t i = 0; i < event.fields.size(); ++i) line += (i ? "\t" : "") + event.fields[i];
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+std::vector<Event> DeviceTest::EventsOfKind(const std::string& kind) const {
+  std::vector<Event> matching;
+  for (const Event& event : Events()) {
+    if (event.at(0) == kind) matching.push_back(event);
+  }
+  return matching;
+}
+
+}  // namespace vistrel_test

@@ -1,0 +1,161 @@
+#include "support/fake_server.h"
+
+#include <curl/curl.h>
+#include <httplib.h>
+
+#include <stdexcept>
+
+namespace vistrel_test {
+namespace {
+
+std::string Decode(const std::string& text) {
+  std::string plus_as_blank = text;
+  for (char& c : plus_as_blank) {
+    if (c == '+') c = ' ';
+  }
+  int length = 0;
+  char* decoded = curl_easy_unescape(nullptr, plus_as_blank.c_str(),
+                                     static_cast<int>(plus_as_blank.size()), &length);
+  std::string result(decoded, static_cast<size_t>(length));
+  curl_free(decoded);
+  return result;
+}
+
+Fields ParseForm(const std::string& body) {
+  Fields fields;
+  size_t start = 0;
+  while (start < body.size()) {
+    size_t end = body.find('&', start);
+    if (end == std::string::npos) end = body.size();
+    std::string pair = body.substr(start, end - start);
+    size_t eq = pair.find('=');
+    if (eq == std::string::npos) {
+      fields.emplace_back(Decode(pair), "");
+    } else {
+      fields.emplace_back(Decode(pair.substr(0, eq)), Decode(pair.substr(eq + 1)));
+    }
+    start = end + 1;
+  }
+  return fields;
+}
+
+}  // namespace
+
+std::string RecordedRequest::Field(const std::string& name) const {
+  for (const auto& [key, value] : form) {
+    if (key == name) return value;
+  }
+  return std::string();
+}
+
+std::string ShopOk(const std::string& response_json) {
+  return "{\"error\": false, \"response\": " + response_json + "}";
+}
+
+std::string ShopError(const std::string& message) {
+  return "{\"error\": true, \"response\": {\"errorMsg\": \"" + message + "\"}}";
+}
+
+FakeServer::FakeServer() : server_(std::make_unique<httplib::Server>()) {
+  auto handle = [this](const char* method) {
+    return [this, method](const httplib::Request& req, httplib::Response& res) {
+      Handle(method, &req, &res);
+    };
+  };
+  server_->Get(".*", handle("GET"));
+  server_->Post(".*", handle("POST"));
+  server_->Put(".*", handle("PUT"));
+  server_->Delete(".*", handle("DELETE"));
+  port_ = server_->bind_to_any_port("127.0.0.1");
+  if (port_ <= 0) throw std::runtime_error("fake server cannot bind");
+  thread_ = std::thread([this] { server_->listen_after_bind(); });
+  while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+FakeServer::~FakeServer() {
+  server_->stop();
+  if (thread_.joinable()) thread_.join();
+}
+
+std::string FakeServer::base_url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+void FakeServer::Set(const std::string& path, Reply reply) {
+  Set(path, [reply](const RecordedRequest&) { return reply; });
+}
+
+void FakeServer::Set(const std::string& path, Handler handler) {
+  std::lock_guard<std::mutex> guard(lock_);
+  for (auto& route : routes_) {
+    if (route.first == path) {
+      route.second = std::move(handler);
+      return;
+    }
+  }
+  routes_.emplace_back(path, std::move(handler));
+}
+
+std::vector<RecordedRequest> FakeServer::requests() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return requests_;
+}
+
+std::vector<RecordedRequest> FakeServer::requests(const std::string& path) const {
+  std::lock_guard<std::mutex> guard(lock_);
+  std::vector<RecordedRequest> matching;
+  for (const auto& r : requests_) {
+    if (r.path == path) matching.push_back(r);
+  }
+  return matching;
+}
+
+void FakeServer::ClearRequests() {
+  std::lock_guard<std::mutex> guard(lock_);
+  requests_.clear();
+}
+
+void FakeServer::Handle(const std::string& method, const void* request, void* response) {
+  const auto& req = *static_cast<const httplib::Request*>(request);
+  auto& res = *static_cast<httplib::Response*>(response);
+
+  RecordedRequest recorded;
+  recorded.method = method;
+  recorded.path = req.path;
+  size_t q = req.target.find('?');
+  if (q != std::string::npos) recorded.query = req.target.substr(q + 1);
+  recorded.body = req.body;
+  if (req.get_header_value("Content-Type").find("application/x-www-form-urlencoded") == 0) {
+    recorded.form = ParseForm(req.body);
+  }
+
+  Handler handler;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    requests_.push_back(recorded);
+    for (const auto& route : routes_) {
+      if (route.first == req.path) handler = route.second;
+    }
+  }
+  if (!handler) {
+    res.status = 404;
+    res.set_content("not found", "text/plain");
+    return;
+  }
+  Reply reply = handler(recorded);
+  if (reply.delay.count() > 0) std::this_thread::sleep_for(reply.delay);
+  res.status = reply.status;
+  for (const auto& [name, value] : reply.headers) res.set_header(name, value);
+  if (reply.drop_mid_body) {
+    std::string body = reply.body;
+    res.set_content_provider(
+        body.size() * 2 + 2, reply.content_type,
+        [body](size_t offset, size_t, httplib::DataSink& sink) {
+          if (offset > 0) return false;  // closes the connection with the body half sent
+          sink.write(body.data(), body.size());
+          return true;
+        });
+    return;
+  }
+  res.set_content(reply.body, reply.content_type);
+}
+
+}  // namespace vistrel_test

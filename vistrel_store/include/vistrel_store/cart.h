@@ -1,0 +1,72 @@
+#ifndef VISTREL_STORE_CART_H_
+#define VISTREL_STORE_CART_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <json/value.h>
+
+#include "vistrel_store/book.h"
+#include "vistrel_store/export.h"
+
+namespace norbel {
+namespace vistrel {
+
+// The buyer's shopping cart as the device keeps it, with its file
+// "/mnt/ext1/system/config/vistrel_cart". Lines are identified by their Ean (absent counts as
+// ""). AddToCart, both RemoveFromCart and Clear save the file when they change the cart.
+class VISTREL_STORE_EXPORT Cart {
+ public:
+  Cart();
+  Cart(const Cart& other);
+  Cart& operator=(Cart&& other);
+  ~Cart();
+
+  // Appends a copy and saves, unless a line with the same Ean is there already.
+  void AddToCart(const Book& book);
+  bool IsContain(std::string ean) const;
+  // Erases the line and saves; an index past the end changes nothing.
+  void RemoveFromCart(unsigned int index);
+  // Erases the first line with the book's Ean and saves; no such line changes nothing.
+  void RemoveFromCart(const Book& book);
+  // Removes every line and saves; the ids and texts of the cart are kept.
+  void Clear();
+  // The line at `index`, or one shared empty Book past the end.
+  const Book& GetItem(unsigned int index) const;
+  unsigned int GetSize() const;
+
+  // Writes the file; a file that cannot be written is skipped silently.
+  void Save();
+  // Removes every line, then reads the file (missing or unparsable: no lines).
+  void Load();
+
+  // Replaces the lines by the reply's "cartPositions" and, when "cart" is an object, the
+  // cart's ids and texts by its members. Always returns false.
+  bool FromJson(const Json::Value& json);
+  Json::Value ToJson() const;
+
+  // Sum of the lines' prices in currency units.
+  double GetTotalPrice() const;
+  // "12,34 EUR"; "0" for a cart without lines.
+  std::string GetTotalPriceFormatted() const;
+
+  const std::vector<Book>& items() const { return items_; }
+  int64_t cart_id() const { return cart_id_; }
+  // The shop's "cartSessionID"; not kept in the file.
+  const std::string& session_id() const { return session_id_; }
+  int64_t user_id() const { return user_id_; }
+  const std::string& last_change() const { return last_change_; }
+
+ private:
+  std::vector<Book> items_;
+  int64_t cart_id_;
+  std::string session_id_;
+  int64_t user_id_;
+  std::string last_change_;
+};
+
+}  // namespace vistrel
+}  // namespace norbel
+
+#endif  // VISTREL_STORE_CART_H_

@@ -1,0 +1,133 @@
+#ifndef VISTREL_STORE_STORE_MANAGER_H_
+#define VISTREL_STORE_STORE_MANAGER_H_
+
+#include <cstdint>
+#include <future>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "opdsmodel/resource_downloader.h"
+#include "panelkit/panelkit.h"
+#include "vistrel_store/book.h"
+#include "vistrel_store/book_status.h"
+#include "vistrel_store/cart.h"
+#include "vistrel_store/export.h"
+#include "vistrel_store/language.h"
+#include "vistrel_store/server_api.h"
+#include "vistrel_store/switchboard_config.h"
+
+namespace norbel {
+namespace vistrel {
+
+// The shop application's one entry point: configuration, session, cart, purchase and
+// downloads. Every operation runs on the caller's thread and blocks until its web-service
+// calls return, except the downloads, which run one at a time in the background and move on
+// when the caller polls CheckDownloadState(). Not thread-safe: call it from one thread.
+//
+// The session is kept in the device configuration file
+// "/mnt/ext1/system/config/vistrel_config.cfg" ("user_name", secret "password",
+// "session_id", "switchboard_update_time").
+class VISTREL_STORE_EXPORT StoreManager {
+ public:
+  // The payment in progress.
+  struct PaymentData {
+    PaymentData() = default;
+    PaymentData(int64_t order_id, std::string token, std::string payer_id)
+        : order_id_(order_id), token_(std::move(token)), payer_id_(std::move(payer_id)) {}
+    PaymentData& operator=(PaymentData&& other) = default;
+
+    int64_t order_id_ = -1;  // -1: no order pending
+    std::string token_;      // PayPal "token"
+    std::string payer_id_;   // PayPal "PayerID"
+  };
+
+  // The one object, created on the first call and destroyed at process exit.
+  static StoreManager* Instance();
+
+  // Start-up: configuration (fetched at most every 30 minutes, else the cached copy),
+  // language list, session (stored, or a new login with the stored credentials), cart and
+  // purchased books. Returns 0, -1 when the configuration file cannot be opened or a needed
+  // configuration fetch failed, -7 when a fresh configuration has no web-service address.
+  int Init();
+
+  // Fetches the configuration for this device's serial number, puts it in force, caches it and
+  // installs the shop's standby picture. 0 on success, -1 on failure.
+  int ConfigFromServer();
+
+  // Logs in (or registers) and stores the session and the credentials. When the
+  // configuration file cannot be opened, returns kOk without contacting the shop.
+  ServerApi::Result LogIn(const std::string& email, const std::string& password);
+  ServerApi::Result Register(const std::string& email, const std::string& password);
+  // Ends the session on the device only: forgets session, cart, purchases and downloads; the
+  // stored session stays in the configuration file.
+  void LogOut();
+  // Logs in again with the stored credentials. `config` may be an open configuration handle
+  // (left open) or null. 0 on success, -1 without credentials or when the shop refused.
+  int NewSession(iconfig_s* config);
+  bool IsLoggedIn();
+  std::string getLogin();
+  std::string getPassword();
+
+  // Reloads the purchased books from the shop and returns a copy of them.
+  std::vector<Book> LoadPurchased();
+
+  ServerApi::Result AddToCart(const Book& book);
+  // By book: not saved until the next saving operation. By position: saved at once.
+  int RemoveFromCart(const Book& book);
+  int RemoveFromCart(unsigned int index);
+
+  std::string GetShopName();
+  std::string GetClientId();
+  int RegisterPushNotification();
+
+  // Purchase. CheckOut() pushes the local cart to the shop, takes the shop's cart as the local
+  // one and returns the books the shop dropped. StartPayment() prepares and commits the order
+  // and runs the payment page in the browser. CheckPaymentResult() confirms the payment, clears
+  // the cart and waits (5-second passes, no limit) until every bought e-book has a link.
+  std::tuple<ServerApi::Result, std::vector<Book>> CheckOut();
+  ServerApi::Result StartPayment();
+  ServerApi::Result CheckPaymentResult();
+  // Checks a pending order again: 0 when checked, -1 without one or when the check failed.
+  int CheckOrderIfNeeded();
+
+  // Downloads. DownloadBookById() queues a purchased book (the text after the last "/" of
+  // `id` is its Ean); CheckDownloadState() moves the downloads along and returns 1 while a
+  // download task existed on entry, else 0.
+  int DownloadBookById(const std::string& id);
+  int CheckDownloadState();
+  BookStatus GetBookStatus(const std::string& ean);
+  BookStatus GetBookStatusById(const std::string& id);
+
+  // Read-only views for the caller's screens.
+  const SwitchboardConfig& config() const { return config_; }
+  const std::vector<Language>& languages() const { return languages_; }
+  const Cart& cart() const { return cart_; }
+  const std::vector<Book>& purchased() const { return purchased_; }
+  const PaymentData& payment_data() const { return payment_data_; }
+  const std::string& order_date_processed() const { return order_date_processed_; }
+
+ private:
+  StoreManager();
+  ~StoreManager();
+  StoreManager(const StoreManager&) = delete;
+  StoreManager& operator=(const StoreManager&) = delete;
+
+  ServerApi server_api_;
+  SwitchboardConfig config_;
+  std::string session_id_;
+  std::vector<Language> languages_;
+  Cart cart_;
+  std::vector<Book> purchased_;
+  std::vector<Book> download_queue_;
+  opds::ResourceDownloader downloader_;
+  std::future<int> download_future_;
+  Book current_download_;
+  PaymentData payment_data_;
+  std::string order_date_processed_;
+};
+
+}  // namespace vistrel
+}  // namespace norbel
+
+#endif  // VISTREL_STORE_STORE_MANAGER_H_
