@@ -24,34 +24,22 @@ std::string GetPart(CURLU* handle, CURLUPart part, unsigned int flags) {
   return result;
 }
 
-// Percent-decodes one name or value of a query, "+" standing for a blank. False when the
-// text does not decode (an encoded control character, which curl refuses).
+// Percent-decodes one name or value of a query; curl's query decoding also reads "+" as a
+// blank. False when the text does not decode (curl refuses encoded control characters).
 bool DecodeQueryText(const std::string& text, std::string* decoded) {
-  std::string plus_free;
-  plus_free.reserve(text.size());
-  for (char c : text) {
-    if (c == '+') {
-      plus_free += "%20";
-    } else {
-      plus_free += c;
-    }
-  }
+  decoded->clear();
+  if (text.empty()) return true;
   UrlHandle handle(curl_url());
-  if (!handle) return false;
-  if (curl_url_set(handle.get(), CURLUPART_QUERY, plus_free.c_str(), 0) != CURLUE_OK) {
+  if (!handle || curl_url_set(handle.get(), CURLUPART_QUERY, text.c_str(), 0) != CURLUE_OK) {
     return false;
   }
-  if (plus_free.empty()) {
-    decoded->clear();
-    return true;
-  }
-  char* text_out = nullptr;
-  if (curl_url_get(handle.get(), CURLUPART_QUERY, &text_out, CURLU_URLDECODE) != CURLUE_OK ||
-      text_out == nullptr) {
+  char* result = nullptr;
+  if (curl_url_get(handle.get(), CURLUPART_QUERY, &result, CURLU_URLDECODE) != CURLUE_OK ||
+      result == nullptr) {
     return false;
   }
-  decoded->assign(text_out);
-  curl_free(text_out);
+  decoded->assign(result);
+  curl_free(result);
   return true;
 }
 
