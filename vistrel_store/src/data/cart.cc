@@ -114,14 +114,18 @@ void Cart::RemoveFromCart(unsigned int index) {
 }
 
 void Cart::RemoveFromCart(const Book& book) {
+  if (EraseLine(book)) Save();
+}
+
+bool Cart::EraseLine(const Book& book) {
   std::string ean = EanOf(book);
   for (auto it = items_.begin(); it != items_.end(); ++it) {
     if (EanOf(*it) == ean) {
       items_.erase(it);
-      Save();
-      return;
+      return true;
     }
   }
+  return false;
 }
 
 void Cart::Clear() {
