@@ -146,12 +146,12 @@ void Cart::Load() {
   items_.clear();
   std::ifstream in(utilities::DevicePath(kCartFile), std::ios::binary);
   if (!in.is_open()) return;
+  // Like a broken file, one nested too deep for the reader (which throws) gives whatever the
+  // reader had built so far.
   Json::Value json;
   try {
     Json::Reader().parse(in, json, true);
   } catch (const Json::Exception&) {
-    // Nesting too deep for the reader: read as nothing, like any other unparsable file.
-    json = Json::Value();
   }
   FromJson(json);
 }
@@ -194,7 +194,7 @@ double Cart::GetTotalPrice() const { return static_cast<double>(TotalCents(items
 std::string Cart::GetTotalPriceFormatted() const {
   if (items_.empty()) return "0";
   int32_t cents = TotalCents(items_);
-  // printf's "%02d" of a negative remainder is "-5": the shop's display shows it so.
+  // A negative remainder prints as "-5" in the width-2 field: -5 cents show as "0,-5 EUR".
   char text[32];
   std::snprintf(text, sizeof(text), "%d,%02d EUR", static_cast<int>(cents / 100),
                 static_cast<int>(cents % 100));
