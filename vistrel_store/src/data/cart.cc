@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -31,6 +32,7 @@ bool WriteAll(int fd, const std::string& text) {
   size_t left = text.size();
   while (left > 0) {
     ssize_t written = write(fd, data, left);
+    if (written < 0 && errno == EINTR) continue;
     if (written < 0) return false;
     data += written;
     left -= static_cast<size_t>(written);
@@ -43,7 +45,7 @@ bool WriteAll(int fd, const std::string& text) {
 // step failed; the old file is then untouched.
 bool ReplaceFile(const std::string& folder, const std::string& path, const std::string& text) {
   std::string temp = path + ".XXXXXX";
-  int fd = mkstemp(temp.data());
+  int fd = mkostemp(temp.data(), O_CLOEXEC);  // not inherited by the apps the library starts
   if (fd < 0) return false;
   bool ok = fchmod(fd, 0644) == 0 && WriteAll(fd, text) && fsync(fd) == 0;
   ok = close(fd) == 0 && ok;
