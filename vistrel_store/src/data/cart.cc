@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -31,6 +32,7 @@ bool WriteAll(int fd, const std::string& text) {
   size_t left = text.size();
   while (left > 0) {
     ssize_t written = write(fd, data, left);
+    if (written < 0 && errno == EINTR) continue;
     if (written < 0) return false;
     data += written;
     left -= static_cast<size_t>(written);
@@ -43,7 +45,7 @@ bool WriteAll(int fd, const std::string& text) {
 // step failed; the old file is then untouched.
 bool ReplaceFile(const std::string& folder, const std::string& path, const std::string& text) {
   std::string temp = path + ".XXXXXX";
-  int fd = mkstemp(temp.data());
+  int fd = mkostemp(temp.data(), O_CLOEXEC);  // not inherited by the apps the library starts
   if (fd < 0) return false;
   bool ok = fchmod(fd, 0644) == 0 && WriteAll(fd, text) && fsync(fd) == 0;
   ok = close(fd) == 0 && ok;
@@ -150,12 +152,12 @@ void Cart::Load() {
   items_.clear();
   std::ifstream in(utilities::DevicePath(kCartFile), std::ios::binary);
   if (!in.is_open()) return;
+  // Like a broken file, one nested too deep for the reader (which throws) gives whatever the
+  // reader had built so far.
   Json::Value json;
   try {
     Json::Reader().parse(in, json, true);
   } catch (const Json::Exception&) {
-    // Nesting too deep for the reader: read as nothing, like any other unparsable file.
-    json = Json::Value();
   }
   FromJson(json);
 }
@@ -198,7 +200,7 @@ double Cart::GetTotalPrice() const { return static_cast<double>(TotalCents(items
 std::string Cart::GetTotalPriceFormatted() const {
   if (items_.empty()) return "0";
   int32_t cents = TotalCents(items_);
-  // printf's "%02d" of a negative remainder is "-5": the shop's display shows it so.
+  // A negative remainder prints as "-5" in the width-2 field: -5 cents show as "0,-5 EUR".
   char text[32];
   std::snprintf(text, sizeof(text), "%d,%02d EUR", static_cast<int>(cents / 100),
                 static_cast<int>(cents % 100));
