@@ -133,7 +133,9 @@ int HttpRequestRunner::PerformRequest(
 
   std::unique_ptr<curl_slist, SlistDeleter> headers;
   for (const auto& [name, value] : request.headers()) {
-    std::string line = name + ": " + value;
+    std::string line = name;
+    line += ": ";
+    line += value;
     headers.reset(curl_slist_append(headers.release(), line.c_str()));
   }
   if (headers) curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers.get());

@@ -27,7 +27,7 @@ ResourceDownloader::ResourceDownloader(const std::string& folder, TaskQueue* que
 }
 
 int ResourceDownloader::DownloadResource(const std::string& url, const std::string& file_name,
-                                         std::function<void(int)> progress) {
+                                         std::function<void(int)> progress) {  // NOLINT
   std::string name = ConfinedName(file_name);
   {
     std::lock_guard<std::mutex> guard(name_lock_);

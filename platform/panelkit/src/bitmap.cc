@@ -103,11 +103,11 @@ struct BmpLayout {
 bool ReadPalette(int fd, uint32_t palette_at, uint32_t colours, BmpLayout* layout) {
   if (colours == 0) colours = 256;
   if (colours > 256 || palette_at + colours * 4 > layout->pixel_offset) return false;
-  std::vector<unsigned char> palette(colours * 4);
+  std::vector<unsigned char> palette(static_cast<size_t>(colours) * 4);
   if (!ReadAt(fd, palette.data(), palette.size(), palette_at)) return false;
   layout->grey.assign(256, 0);  // indices past the palette show black
   for (uint32_t i = 0; i < colours; ++i) {
-    const unsigned char* bgr = &palette[i * 4];
+    const unsigned char* bgr = &palette[static_cast<size_t>(i) * 4];
     layout->grey[i] =
         static_cast<unsigned char>((29 * bgr[0] + 150 * bgr[1] + 77 * bgr[2] + 128) >> 8);
   }
@@ -175,7 +175,7 @@ void ConvertRow(const BmpLayout& layout, const unsigned char* in, unsigned char*
   if (layout.bits == 8) {
     for (uint32_t x = 0; x < layout.width; ++x) out[x] = layout.grey[in[x]];
   } else if (layout.bits == 24) {
-    std::memcpy(out, in, layout.width * 3);
+    std::memcpy(out, in, static_cast<size_t>(layout.width) * 3);
   } else {
     const ChannelBytes& c = layout.channels;
     for (uint32_t x = 0; x < layout.width; ++x, in += 4, out += 4) {
@@ -241,7 +241,7 @@ bool EncodeBmp(const ibitmap* bitmap, std::string* file) {
   for (uint32_t i = 0; i < palette / 4; ++i) PutLe32(&out, i * 0x010101u);
   for (uint32_t y = bitmap->height; y-- > 0;) {
     const unsigned char* row = bitmap->data + static_cast<size_t>(y) * bitmap->scanline;
-    out.append(reinterpret_cast<const char*>(row), bitmap->width * bytes);
+    out.append(reinterpret_cast<const char*>(row), static_cast<size_t>(bitmap->width) * bytes);
     out.append(stride - bitmap->width * bytes, '\0');
   }
   return true;

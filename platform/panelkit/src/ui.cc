@@ -101,8 +101,8 @@ uint32_t FallbackUpper(uint32_t code) {
 
 uint32_t ToUpper(uint32_t code) {
   // The locale lives as long as the process; the C library's case tables know all of Unicode.
-  static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(0));
-  if (utf8 == static_cast<locale_t>(0)) return FallbackUpper(code);
+  static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  if (utf8 == nullptr) return FallbackUpper(code);
   return static_cast<uint32_t>(towupper_l(static_cast<wint_t>(code), utf8));
 }
 

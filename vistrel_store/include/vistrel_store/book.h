@@ -49,7 +49,7 @@ class VISTREL_STORE_EXPORT Book {
   Book();
   Book(const Book& other);
   // Takes over both maps (the source's are left empty); the cover handle is copied.
-  Book& operator=(Book&& other);
+  Book& operator=(Book&& other) noexcept;
   ~Book();
 
   // Builds a record from one object of the shop's replies. A non-object gives an empty

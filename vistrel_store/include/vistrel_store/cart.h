@@ -20,12 +20,12 @@ class VISTREL_STORE_EXPORT Cart {
  public:
   Cart();
   Cart(const Cart& other);
-  Cart& operator=(Cart&& other);
+  Cart& operator=(Cart&& other) noexcept;
   ~Cart();
 
   // Appends a copy and saves, unless a line with the same Ean is there already.
   void AddToCart(const Book& book);
-  bool IsContain(std::string ean) const;
+  bool IsContain(std::string ean) const;  // NOLINT(performance-unnecessary-value-param)
   // Erases the line and saves; an index past the end changes nothing.
   void RemoveFromCart(unsigned int index);
   // Erases the first line with the book's Ean and saves; no such line changes nothing.

@@ -78,7 +78,7 @@ Book::Book(const Book& other)
       cover_(other.cover_),
       flag_(other.flag_) {}
 
-Book& Book::operator=(Book&& other) {
+Book& Book::operator=(Book&& other) noexcept {
   if (this == &other) return *this;
   int_props_ = std::move(other.int_props_);
   other.int_props_.clear();
@@ -126,7 +126,7 @@ Json::Value Book::ToJson() const {
   Json::Value json;
   for (const auto& [key, prop] : s_book_int_map) {
     auto found = int_props_.find(prop);
-    if (found != int_props_.end()) json[key] = Json::Int64(found->second);
+    if (found != int_props_.end()) json[key] = static_cast<Json::Int64>(found->second);
   }
   for (const auto& [key, prop] : s_book_string_map) {
     auto found = string_props_.find(prop);

@@ -39,7 +39,7 @@ Cart::Cart(const Cart& other)
       user_id_(other.user_id_),
       last_change_(other.last_change_) {}
 
-Cart& Cart::operator=(Cart&& other) {
+Cart& Cart::operator=(Cart&& other) noexcept {
   if (this == &other) return *this;
   items_ = std::move(other.items_);
   cart_id_ = other.cart_id_;
@@ -57,7 +57,8 @@ void Cart::AddToCart(const Book& book) {
   Save();
 }
 
-bool Cart::IsContain(std::string ean) const {
+// The shop's interface passes the Ean by value.
+bool Cart::IsContain(std::string ean) const {  // NOLINT(performance-unnecessary-value-param)
   for (const Book& item : items_) {
     if (EanOf(item) == ean) return true;
   }
@@ -135,9 +136,9 @@ bool Cart::FromJson(const Json::Value& json) {
 
 Json::Value Cart::ToJson() const {
   Json::Value header(Json::objectValue);
-  header["cartID"] = Json::Int64(cart_id_);
+  header["cartID"] = static_cast<Json::Int64>(cart_id_);
   header["castSessionID"] = session_id_;  // the shop's reply spells it "cartSessionID"
-  header["cartUserID"] = Json::Int64(user_id_);
+  header["cartUserID"] = static_cast<Json::Int64>(user_id_);
   header["cartLastChange"] = last_change_;
 
   Json::Value positions(Json::arrayValue);

@@ -1,5 +1,7 @@
 #include "vistrel_store/convert_date_time.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 
@@ -35,10 +37,11 @@ int MonthNumber(const std::string& token) {
   return 0;
 }
 
-// The leading integer of the text as atoi reads it (blanks, sign, digits; none gives 0),
-// reduced to its remainder by 12 so that any length of digits stays well defined.
+// The hour as atoi reads it (blanks and a sign, then digits), kept within int as the device's
+// 32-bit C library does, so an absurdly long hour reads the same on every machine.
 int HourRemainder(const std::string& token) {
-  long hour = std::strtol(token.c_str(), nullptr, 10);
+  long long hour = std::strtoll(token.c_str(), nullptr, 10);
+  hour = std::min<long long>(std::max<long long>(hour, INT_MIN), INT_MAX);
   return static_cast<int>(hour % 12);
 }
 

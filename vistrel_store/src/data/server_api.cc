@@ -257,7 +257,9 @@ std::tuple<ServerApi::Result, std::vector<Book>> ServerApi::GetUserEbook() {
   return std::make_tuple(result, std::move(books));
 }
 
-ServerApi::Result ServerApi::ConfirmPayPal(const std::string& token, const std::string payer_id) {
+// The payer id is taken by value: that is how the interface has always declared it.
+ServerApi::Result ServerApi::ConfirmPayPal(const std::string& token,
+                                           const std::string payer_id) {  // NOLINT
   HttpRequest request("POST", config_.clientShopWebserviceUrl + "/confirmPayPal");
   request.AddPostParam("token", token);
   request.AddPostParam("payerID", payer_id);
