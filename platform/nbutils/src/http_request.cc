@@ -88,7 +88,6 @@ void HttpRequest::AddHeader(const std::string& name, const std::string& value) {
 
 HttpRequestRunner::HttpRequestRunner() { GlobalInitOnce(); }
 
-HttpRequestRunner::~HttpRequestRunner() = default;
 
 int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_code,
                                       std::vector<char>* body, unsigned int limit) {

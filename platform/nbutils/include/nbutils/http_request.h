@@ -44,7 +44,7 @@ class HttpRequestRunner {
   static constexpr size_t kMaxBodyBytes = 32u << 20;
 
   HttpRequestRunner();
-  ~HttpRequestRunner();
+  ~HttpRequestRunner() = default;
   HttpRequestRunner(const HttpRequestRunner&) = delete;
   HttpRequestRunner& operator=(const HttpRequestRunner&) = delete;
 
