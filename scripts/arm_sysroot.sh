@@ -46,6 +46,11 @@ if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$stamp_hash" ]; then
   exit 0
 fi
 
+# Only a folder this script made is ever replaced.
+if [ -d "$sysroot" ] && [ ! -f "$stamp" ] && [ -n "$(ls -A "$sysroot")" ]; then
+  fail "$sysroot is not empty and was not made by this script; choose another folder"
+fi
+
 echo "arm_sysroot: building the armhf sysroot in $sysroot" >&2
 work=$sysroot.work
 rm -rf "$work" "$sysroot.new"
