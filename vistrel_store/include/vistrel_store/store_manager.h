@@ -113,9 +113,10 @@ class VISTREL_STORE_EXPORT StoreManager {
   StoreManager(const StoreManager&) = delete;
   StoreManager& operator=(const StoreManager&) = delete;
 
-  // Keeps the session of a successful login or registration, with the account, in the
+  using SignInCall = ServerApi::Result (ServerApi::*)(const std::string&, const std::string&);
+  // Logs in or registers through `call` and keeps the session and the account in the
   // configuration file.
-  void RememberAccount(iconfig_s* config, const std::string& email, const std::string& password);
+  ServerApi::Result SignIn(SignInCall call, const std::string& email, const std::string& password);
   // Gives a finished download its final name and announces it, or reports and deletes it.
   void FinishDownload();
 

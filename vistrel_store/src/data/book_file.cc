@@ -4,12 +4,14 @@
 
 #include <cstring>
 
+#include "book_props.h"
 #include "nbutils/device_environment.h"
 #include "nbutils/string_utils.h"
 
 namespace {
 
 using norbel::vistrel::Book;
+using norbel::vistrel::StringProp;
 
 const char kDownloadFolder[] = "/mnt/ext1/Downloads/";
 const char kDigitalEditionsFolder[] = "/mnt/ext1/Digital Editions";
@@ -33,12 +35,6 @@ const char* const kMimeExtensions[14][2] = {
     {"application/epub+zip", "epub"},
     {"application/vnd.adobe.adept+xml", "acsm"},
 };
-
-// An absent property reads as "" and is not added: the book is not ours to change.
-std::string StringProp(const Book& book, Book::StringProps prop) {
-  auto it = book.string_props_.find(prop);
-  return it == book.string_props_.end() ? std::string() : it->second;
-}
 
 bool DeviceFileExists(const std::string& path) {
   return access(norbel::utilities::DevicePath(path).c_str(), F_OK) == 0;

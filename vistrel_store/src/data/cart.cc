@@ -1,17 +1,14 @@
 #include "vistrel_store/cart.h"
 
-#include <fcntl.h>
 #include <json/reader.h>
 #include <json/writer.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <utility>
 
+#include "book_props.h"
+#include "device_file.h"
 #include "nbutils/device_environment.h"
 
 namespace norbel {
@@ -19,48 +16,6 @@ namespace vistrel {
 namespace {
 
 const char kCartFile[] = "/mnt/ext1/system/config/vistrel_cart";
-const char kCartFolder[] = "/mnt/ext1/system/config";
-
-// A line without an Ean counts as one with the empty Ean.
-std::string EanOf(const Book& book) {
-  auto found = book.string_props_.find(Book::Ean);
-  return found == book.string_props_.end() ? std::string() : found->second;
-}
-
-bool WriteAll(int fd, const std::string& text) {
-  const char* data = text.data();
-  size_t left = text.size();
-  while (left > 0) {
-    ssize_t written = write(fd, data, left);
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return false;
-    data += written;
-    left -= static_cast<size_t>(written);
-  }
-  return true;
-}
-
-// Replaces `path` by a file holding `text`: written beside it, synced and renamed over it,
-// so that a crash leaves the old file or the new one but never a torn one. False when any
-// step failed; the old file is then untouched.
-bool ReplaceFile(const std::string& folder, const std::string& path, const std::string& text) {
-  std::string temp = path + ".XXXXXX";
-  int fd = mkostemp(temp.data(), O_CLOEXEC);  // not inherited by the apps the library starts
-  if (fd < 0) return false;
-  bool ok = fchmod(fd, 0644) == 0 && WriteAll(fd, text) && fsync(fd) == 0;
-  ok = close(fd) == 0 && ok;
-  if (!ok || std::rename(temp.c_str(), path.c_str()) != 0) {
-    unlink(temp.c_str());
-    return false;
-  }
-  // Makes the rename itself durable; the new file is complete either way.
-  int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir >= 0) {
-    fsync(dir);
-    close(dir);
-  }
-  return true;
-}
 
 // The signed 32-bit sum of the lines' cents; each Price is cut to 32 bits and the sum wraps
 // around as 32-bit arithmetic does.
@@ -144,8 +99,7 @@ unsigned int Cart::GetSize() const { return static_cast<unsigned int>(items_.siz
 
 void Cart::Save() {
   // Nobody is told about a cart that could not be written; the cart in memory stays.
-  ReplaceFile(utilities::DevicePath(kCartFolder), utilities::DevicePath(kCartFile),
-              Json::StyledWriter().write(ToJson()));
+  WriteDeviceFileAtomically(kCartFile, Json::StyledWriter().write(ToJson()));
 }
 
 void Cart::Load() {

@@ -1,9 +1,9 @@
 #include "vistrel_store/server_api.h"
 
+#include <json/reader.h>
+
 #include <exception>
 #include <sstream>
-
-#include <json/reader.h>
 
 #include "book_list.h"
 #include "check_log.h"
@@ -75,6 +75,17 @@ Result ShopFrame(const HttpRequest& request, const CheckSite& site, Json::Value*
   return Result(ServerApi::kOk);
 }
 
+// A shop call whose "response" fills a record through its FromJson; on any failure the
+// record stays default-constructed.
+template <typename Record>
+std::tuple<Result, Record> RecordCall(const HttpRequest& request, const CheckSite& site) {
+  Json::Value answer;
+  Result result = ShopFrame(request, site, &answer);
+  Record record;
+  if (result.code_ == ServerApi::kOk) record.FromJson(answer["response"]);
+  return std::make_tuple(std::move(result), std::move(record));
+}
+
 std::string Decimal(int64_t value) {
   std::ostringstream out;
   out << value;
@@ -95,7 +106,8 @@ ServerApi::Result ServerApi::LogIn(const std::string& email, const std::string& 
   Json::Value answer;
   Result result = ShopFrame(
       request,
-      {__LINE__, "Result norbel::vistrel::ServerApi::LogIn(const std::string &, const std::string &)",
+      {__LINE__,
+       "Result norbel::vistrel::ServerApi::LogIn(const std::string &, const std::string &)",
        "Result(kFailed)"},
       &answer);
   if (result.code_ != kOk) return result;
@@ -179,15 +191,9 @@ std::tuple<ServerApi::Result, Cart> ServerApi::GetCart() {
   HttpRequest request("POST", config_.clientShopWebserviceUrl + "/getCart");
   request.AddPostParam("sessionID", session_id_);
   request.AddPostParam("clientID", config_.clientID);
-  Json::Value answer;
-  Result result = ShopFrame(request,
-                            {270, "std::tuple<Result, Cart> norbel::vistrel::ServerApi::GetCart()",
-                             "make_tuple(Result(kFailed), cart)"},
-                            &answer);
-  Cart cart;
-  if (result.code_ != kOk) return std::make_tuple(result, cart);
-  cart.FromJson(answer["response"]);
-  return std::make_tuple(result, cart);
+  return RecordCall<Cart>(request,
+                          {270, "std::tuple<Result, Cart> norbel::vistrel::ServerApi::GetCart()",
+                           "make_tuple(Result(kFailed), cart)"});
 }
 
 ServerApi::Result ServerApi::AddToCart(const std::string& ean, int quantity) {
@@ -208,32 +214,19 @@ std::tuple<ServerApi::Result, Order> ServerApi::PrepareOrder(int64_t cart_id) {
   request.AddPostParam("sessionID", session_id_);
   request.AddPostParam("cartID", Decimal(cart_id));
   request.AddPostParam("clientID", config_.clientID);
-  Json::Value answer;
-  Result result = ShopFrame(
-      request,
-      {323, "std::tuple<Result, Order> norbel::vistrel::ServerApi::PrepareOrder(int64_t)",
-       "make_tuple(Result(kFailed), order)"},
-      &answer);
-  Order order;
-  if (result.code_ != kOk) return std::make_tuple(result, order);
-  order.FromJson(answer["response"]);
-  return std::make_tuple(result, order);
+  return RecordCall<Order>(
+      request, {323, "std::tuple<Result, Order> norbel::vistrel::ServerApi::PrepareOrder(int64_t)",
+                "make_tuple(Result(kFailed), order)"});
 }
 
 std::tuple<ServerApi::Result, ChekResult> ServerApi::CheckOrder(int64_t order_id) {
   HttpRequest request("POST", config_.clientShopWebserviceUrl + "/checkOrder");
   request.AddPostParam("orderID", Decimal(order_id));
   request.AddPostParam("clientID", config_.clientID);
-  Json::Value answer;
-  Result result = ShopFrame(
+  return RecordCall<ChekResult>(
       request,
       {378, "std::tuple<Result, ChekResult> norbel::vistrel::ServerApi::CheckOrder(int64_t)",
-       "make_tuple(Result(kFailed), check_result)"},
-      &answer);
-  ChekResult check_result;
-  if (result.code_ != kOk) return std::make_tuple(result, check_result);
-  check_result.FromJson(answer["response"]);
-  return std::make_tuple(result, check_result);
+       "make_tuple(Result(kFailed), check_result)"});
 }
 
 std::tuple<ServerApi::Result, Order> ServerApi::CommitOrder(int64_t order_id) {
@@ -242,16 +235,9 @@ std::tuple<ServerApi::Result, Order> ServerApi::CommitOrder(int64_t order_id) {
   request.AddPostParam("orderID", Decimal(order_id));
   request.AddPostParam("clientID", config_.clientID);
   request.AddPostParam("webpage", VISTREL_SHOP_WEBPAGE);
-  Json::Value answer;
-  Result result = ShopFrame(
-      request,
-      {408, "std::tuple<Result, Order> norbel::vistrel::ServerApi::CommitOrder(int64_t)",
-       "make_tuple(Result(kFailed), order)"},
-      &answer);
-  Order order;
-  if (result.code_ != kOk) return std::make_tuple(result, order);
-  order.FromJson(answer["response"]);
-  return std::make_tuple(result, order);
+  return RecordCall<Order>(
+      request, {408, "std::tuple<Result, Order> norbel::vistrel::ServerApi::CommitOrder(int64_t)",
+                "make_tuple(Result(kFailed), order)"});
 }
 
 std::tuple<ServerApi::Result, std::vector<Book>> ServerApi::GetUserEbook() {

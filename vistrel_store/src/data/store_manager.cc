@@ -190,34 +190,29 @@ int StoreManager::NewSession(iconfig_s* config) {
 }
 
 ServerApi::Result StoreManager::LogIn(const std::string& email, const std::string& password) {
-  ConfigHandle config;
-  if (!config.get()) return ServerApi::Result(ServerApi::kOk);
-  ServerApi::Result result = server_api_.LogIn(email, password);
-  if (result.code_ != ServerApi::kOk) return result;
-  RememberAccount(config.get(), email, password);
-  KeepOpen(config.Release());
-  LoadPurchased();
-  return result;
+  return SignIn(&ServerApi::LogIn, email, password);
 }
 
 ServerApi::Result StoreManager::Register(const std::string& email, const std::string& password) {
+  return SignIn(&ServerApi::Register, email, password);
+}
+
+ServerApi::Result StoreManager::SignIn(SignInCall call, const std::string& email,
+                                       const std::string& password) {
   ConfigHandle config;
+  // Without a configuration file the shop is not asked, and that counts as success.
   if (!config.get()) return ServerApi::Result(ServerApi::kOk);
-  ServerApi::Result result = server_api_.Register(email, password);
+  ServerApi::Result result = (server_api_.*call)(email, password);
   if (result.code_ != ServerApi::kOk) return result;
-  RememberAccount(config.get(), email, password);
+
+  session_id_ = server_api_.session_id_;
+  WriteString(config.get(), "session_id", session_id_.c_str());
+  WriteString(config.get(), "user_name", email.c_str());
+  WriteSecret(config.get(), "password", password.c_str());
+  SaveConfig(config.get());
   KeepOpen(config.Release());
   LoadPurchased();
   return result;
-}
-
-void StoreManager::RememberAccount(iconfig_s* config, const std::string& email,
-                                   const std::string& password) {
-  session_id_ = server_api_.session_id_;
-  WriteString(config, "session_id", session_id_.c_str());
-  WriteString(config, "user_name", email.c_str());
-  WriteSecret(config, "password", password.c_str());
-  SaveConfig(config);
 }
 
 void StoreManager::LogOut() {

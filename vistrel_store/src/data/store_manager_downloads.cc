@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "book_props.h"
 #include "check_log.h"
 #include "nbutils/device_environment.h"
 #include "vistrel_store/book_file.h"
@@ -26,11 +27,6 @@ constexpr useconds_t kScannerPause = 200000;
 
 // The text after the last "/" (all of it without one).
 std::string AfterLastSlash(const std::string& id) { return id.substr(id.rfind('/') + 1); }
-
-std::string EanOf(const Book& book) {
-  auto it = book.string_props_.find(Book::Ean);
-  return it == book.string_props_.end() ? std::string() : it->second;
-}
 
 void ShowDownloadError() {
   Message(ICON_ERROR, kDownloadError, kDownloadError, kDownloadErrorTimeout);

@@ -1,6 +1,7 @@
 // The purchase: local cart to the shop's cart, order, payment in the browser, confirmation.
 #include <unistd.h>
 
+#include "book_props.h"
 #include "check_log.h"
 #include "vistrel_store/auth.h"
 #include "vistrel_store/store_manager.h"
@@ -24,11 +25,6 @@ constexpr useconds_t kOrderPollInterval = 5000000;
 
 void EnsureNetwork() {
   if ((QueryNetwork() & 0xf00) == 0) NetConnect(nullptr);
-}
-
-std::string StringProp(const Book& book, Book::StringProps prop) {
-  auto it = book.string_props_.find(prop);
-  return it == book.string_props_.end() ? std::string() : it->second;
 }
 
 // The text of `key` in a reply's "order" object; "" when absent or not a text.
