@@ -1,12 +1,22 @@
 # Installs the build into a scratch prefix, then configures, builds and runs the consumer.
+# A cross build passes TOOLCHAIN_ARGS and EMULATOR ('|' for ';') and the target's
+# PKG_CONFIG_LIBDIR.
+string(REPLACE "|" ";" toolchain_args "${TOOLCHAIN_ARGS}")
+string(REPLACE "|" ";" emulator "${EMULATOR}")
 file(REMOVE_RECURSE ${WORK_DIR})
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/prefix
   RESULT_VARIABLE rc OUTPUT_QUIET)
 if(rc)
   message(FATAL_ERROR "install failed: ${rc}")
 endif()
+if(toolchain_args)
+  # A cross build looks for packages inside its sysroot only; name the package's folder.
+  file(GLOB_RECURSE config ${WORK_DIR}/prefix/*/vistrel_storeConfig.cmake)
+  get_filename_component(config_dir "${config}" DIRECTORY)
+  list(APPEND toolchain_args -Dvistrel_store_DIR=${config_dir})
+endif()
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/consumer -B ${WORK_DIR}/build
-  -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix RESULT_VARIABLE rc)
+  -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix ${toolchain_args} RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "consumer configure failed: ${rc}")
 endif()
@@ -14,13 +24,16 @@ execute_process(COMMAND ${CMAKE_COMMAND} --build ${WORK_DIR}/build RESULT_VARIAB
 if(rc)
   message(FATAL_ERROR "consumer build failed: ${rc}")
 endif()
-execute_process(COMMAND ${WORK_DIR}/build/consumer RESULT_VARIABLE rc)
+execute_process(COMMAND ${emulator} ${WORK_DIR}/build/consumer RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "consumer run failed: ${rc}")
 endif()
 # pkg-config must find the installed library too.
 find_program(PKG_CONFIG pkg-config)
 if(PKG_CONFIG)
+  if(PKG_CONFIG_LIBDIR)
+    set(ENV{PKG_CONFIG_LIBDIR} "${PKG_CONFIG_LIBDIR}")
+  endif()
   set(ENV{PKG_CONFIG_PATH} "${WORK_DIR}/prefix/lib/pkgconfig:${WORK_DIR}/prefix/lib/x86_64-linux-gnu/pkgconfig")
   execute_process(COMMAND ${PKG_CONFIG} --libs vistrel_store RESULT_VARIABLE rc OUTPUT_VARIABLE libs)
   if(rc)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <limits>
 #include <memory>
 #include <mutex>
 
@@ -104,6 +105,8 @@ int HttpRequestRunner::PerformRequest(
 
   int64_t limit_ms = g_limit_override_ms.load();
   if (limit_ms <= 0) limit_ms = static_cast<int64_t>(limit) * 1000;
+  // curl takes a long, 32 bits on the device: a longer limit would wrap negative.
+  limit_ms = std::min<int64_t>(limit_ms, std::numeric_limits<long>::max());
   int64_t connect_ms = std::clamp<int64_t>(limit_ms / 3, 1, 10000);
 
   curl_easy_setopt(c, CURLOPT_URL, request.url().c_str());
