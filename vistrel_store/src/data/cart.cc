@@ -41,11 +41,14 @@ bool WriteAll(int fd, const std::string& text) {
 }
 
 // Replaces `path` by a file holding `text`: written beside it, synced and renamed over it,
-// so that a crash leaves the old file or the new one but never a torn one. False when any
-// step failed; the old file is then untouched.
+// so that a crash leaves the old file or the new one but never a torn one. The temporary has
+// a fixed name, so one left by a process killed mid-save is taken over by the next save
+// instead of staying on the device for good. False when any step failed; the old file is
+// then untouched.
 bool ReplaceFile(const std::string& folder, const std::string& path, const std::string& text) {
-  std::string temp = path + ".XXXXXX";
-  int fd = mkostemp(temp.data(), O_CLOEXEC);  // not inherited by the apps the library starts
+  std::string temp = path + ".new";
+  // Not inherited by the apps the library starts.
+  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   bool ok = fchmod(fd, 0644) == 0 && WriteAll(fd, text) && fsync(fd) == 0;
   ok = close(fd) == 0 && ok;
