@@ -278,6 +278,7 @@ bool StartShop() {
 // Remembers every run for the table.
 class TableReporter : public benchmark::ConsoleReporter {
  public:
+  TableReporter() : ConsoleReporter(OO_Tabular) {}  // no colours: the output goes to files
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
       if (!run.error_occurred) runs_[run.benchmark_name()] = run;

@@ -7,4 +7,4 @@ scripts/install_deps.sh
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVISTREL_BUILD_BENCH=ON \
   -DVISTREL_BUILD_TESTS=OFF -DVISTREL_BUILD_TOOLS=OFF >/dev/null
 cmake --build build-bench -j"$(nproc)" --target store_bench
-build-bench/bench/store_bench --benchmark_color=false "$@"
+build-bench/bench/store_bench "$@"
