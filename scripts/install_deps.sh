@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config git ca-certificates curl
-  libjsoncpp-dev libboost-dev libexpat1-dev libcurl4-openssl-dev
+  libjsoncpp-dev libboost-dev libexpat1-dev libcurl4-openssl-dev libssl-dev
   libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
   zip unzip
 )

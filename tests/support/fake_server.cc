@@ -47,16 +47,27 @@ void SetGeneratedBody(const Reply& reply, httplib::Response* res) {
   uint64_t stop_at = reply.drop_mid_body ? size / 2 : size;
   size_t chunk = reply.chunk_bytes > 0 ? reply.chunk_bytes : 64 * 1024;
   auto pause = reply.chunk_pause;
-  res->set_content_provider(
-      static_cast<size_t>(size), reply.content_type,
-      [stop_at, chunk, pause](size_t offset, size_t length, httplib::DataSink& sink) {
-        if (offset >= stop_at) return false;  // closes the connection with the body cut
-        if (offset > 0 && pause.count() > 0) std::this_thread::sleep_for(pause);
-        size_t n = static_cast<size_t>(std::min<uint64_t>({chunk, length, stop_at - offset}));
-        std::vector<char> data(n);
-        for (size_t i = 0; i < n; ++i) data[i] = static_cast<char>(GeneratedByte(offset + i));
-        return sink.write(data.data(), data.size());
-      });
+  auto provide = [stop_at, chunk, pause](size_t offset, size_t length,
+                                               httplib::DataSink& sink) {
+    if (offset >= stop_at) return false;  // closes the connection with the body cut
+    if (offset > 0 && pause.count() > 0) std::this_thread::sleep_for(pause);
+    size_t n = static_cast<size_t>(std::min<uint64_t>({chunk, length, stop_at - offset}));
+    std::vector<char> data(n);
+    for (size_t i = 0; i < n; ++i) data[i] = static_cast<char>(GeneratedByte(offset + i));
+    return sink.write(data.data(), data.size());
+  };
+  if (reply.chunked) {
+    res->set_chunked_content_provider(reply.content_type, [size, provide](size_t offset,
+                                                                    httplib::DataSink& sink) {
+      if (offset >= size) {
+        sink.done();
+        return true;
+      }
+      return provide(offset, SIZE_MAX, sink);
+    });
+  } else {
+    res->set_content_provider(static_cast<size_t>(size), reply.content_type, provide);
+  }
 }
 
 }  // namespace

@@ -43,6 +43,7 @@ struct Reply {
   uint64_t generated_bytes = 0;
   size_t chunk_bytes = 64 * 1024;
   std::chrono::milliseconds chunk_pause{0};
+  bool chunked = false;  // send the generated body in chunked encoding, without a length
 };
 
 // The byte at `offset` of a generated body; differs between nearby offsets, so that lost,

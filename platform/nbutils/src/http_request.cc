@@ -38,6 +38,13 @@ size_t WriteBody(char* data, size_t size, size_t count, void* user) {
     sink->too_large = true;
     return 0;  // makes curl fail the transfer with CURLE_WRITE_ERROR
   }
+  // Grows by doubling, but never past the cap: a body near it then costs the cap and one
+  // smaller old buffer at most, not twice its size.
+  size_t needed = sink->body->size() + bytes;
+  if (needed > sink->body->capacity()) {
+    sink->body->reserve(std::min(std::max(needed, 2 * sink->body->capacity()),
+                                 HttpRequestRunner::kMaxBodyBytes));
+  }
   sink->body->insert(sink->body->end(), data, data + bytes);
   return bytes;
 }

@@ -39,15 +39,14 @@ void SyncFolderOf(const std::string& path) {
 
 bool WriteDeviceFileAtomically(const std::string& device_path, const std::string& content) {
   std::string path = utilities::DevicePath(device_path);
-  std::string pattern = path + ".XXXXXX";
-  std::vector<char> temp(pattern.begin(), pattern.end());
-  temp.push_back('\0');
-  int fd = mkostemp(temp.data(), O_CLOEXEC);
+  // A fixed name: a temporary left by a process killed mid-write is reused, not piled up.
+  std::string temp = path + ".new";
+  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   bool ok = WriteAll(fd, content) && fsync(fd) == 0;
   ok = close(fd) == 0 && ok;
-  if (!ok || std::rename(temp.data(), path.c_str()) != 0) {
-    unlink(temp.data());
+  if (!ok || std::rename(temp.c_str(), path.c_str()) != 0) {
+    unlink(temp.c_str());
     return false;
   }
   SyncFolderOf(path);
