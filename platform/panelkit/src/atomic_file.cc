@@ -5,8 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <vector>
 
 namespace panelkit_internal {
 namespace {
@@ -44,17 +42,17 @@ bool ReplaceFile(const std::string& host_path, const std::string& contents, mode
   std::string folder = FolderOf(host_path);
   std::string name = host_path.substr(host_path.find_last_of('/') + 1);
   if (name.empty()) return false;
-  std::string pattern = folder + "/." + name + ".tmp-XXXXXX";
-  std::vector<char> temp(pattern.begin(), pattern.end());
-  temp.push_back('\0');
-  int fd = mkostemp(temp.data(), O_CLOEXEC);
+  // A fixed name: a temporary left by a process killed mid-save is taken over by the next
+  // save instead of piling up on the device.
+  std::string temp = folder + "/." + name + ".new";
+  int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0) return false;
   bool ok =
       fchmod(fd, mode) == 0 && WriteAll(fd, contents.data(), contents.size()) && fsync(fd) == 0;
   ok = (close(fd) == 0) && ok;
-  if (ok) ok = rename(temp.data(), host_path.c_str()) == 0;
+  if (ok) ok = rename(temp.c_str(), host_path.c_str()) == 0;
   if (!ok) {
-    unlink(temp.data());
+    unlink(temp.c_str());
     return false;
   }
   // The new file is in place; a failed folder flush only weakens durability, it does not
