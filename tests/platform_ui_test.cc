@@ -53,58 +53,43 @@ TEST_F(PlatformUiTest, MessageAndRequestBecomeEvents) {
   EXPECT_EQ(Events().size(), 5u);
 }
 
-TEST_F(PlatformUiTest, TaskIsFoundOnlyWhenTheApplicationIsInstalled) {
+TEST_F(PlatformUiTest, TasksUnlinkAndFileTypesWorkOnDevicePaths) {
   EXPECT_EQ(FindTaskByAppName("/kelmast/bin/scanner.app"), -1);
   EXPECT_EQ(FindTaskByAppName(nullptr), -1);
-  EXPECT_EQ(FindTaskByAppName(""), -1);
-
   WriteDeviceFile("/kelmast/bin/scanner.app", "#!/bin/sh\n");
-  int task = FindTaskByAppName("/kelmast/bin/scanner.app");
-  EXPECT_GE(task, 0);
-  EXPECT_EQ(FindTaskByAppName("/kelmast/bin/scanner.app"), task);
+  EXPECT_GE(FindTaskByAppName("/kelmast/bin/scanner.app"), 0);
   // The host path itself is not a device path.
-  EXPECT_EQ(FindTaskByAppName((device_root_ + "/kelmast/bin/browser.app").c_str()), -1);
-}
+  EXPECT_EQ(FindTaskByAppName((device_root_ + "/kelmast/bin/scanner.app").c_str()), -1);
 
-TEST_F(PlatformUiTest, UnlinkRemovesTheDeviceFile) {
   WriteDeviceFile("/mnt/ext1/Downloads/a b.epub", "book");
   EXPECT_EQ(pk_unlink("/mnt/ext1/Downloads/a b.epub"), 0);
   EXPECT_FALSE(DeviceFileExists("/mnt/ext1/Downloads/a b.epub"));
   EXPECT_EQ(pk_unlink("/mnt/ext1/Downloads/a b.epub"), -1);
   EXPECT_EQ(pk_unlink(nullptr), -1);
-}
 
-TEST_F(PlatformUiTest, SupportedFileTypesEndWithANullExtension) {
   std::set<std::string> extensions;
-  const ifiletype* type = GetSupportedFileTypes();
-  ASSERT_NE(type, nullptr);
-  for (; type->extension != nullptr; ++type) {
+  for (const ifiletype* type = GetSupportedFileTypes(); type->extension != nullptr; ++type) {
     ASSERT_LT(extensions.size(), 100u) << "table not terminated";
     extensions.insert(type->extension);
   }
-  for (const char* wanted : {"epub", "pdf", "fb2", "txt", "rtf", "doc", "djvu", "djv", "mobi",
-                             "prc", "chm", "htm", "html"}) {
-    EXPECT_EQ(extensions.count(wanted), 1u) << wanted;
-  }
-  EXPECT_EQ(extensions.count("zip"), 0u);
-  EXPECT_EQ(extensions.count("acsm"), 0u);
+  EXPECT_EQ(extensions.count("epub") + extensions.count("djv") + extensions.count("htm"), 3u);
+  EXPECT_EQ(extensions.count("zip") + extensions.count("acsm"), 0u);
 }
 
+// Latin-1, Latin Extended-A, Greek and Cyrillic; ß has no single upper-case character and the
+// dotless ı becomes a one-byte I. Invalid UTF-8 (a lone continuation byte, a cut-off lead
+// byte, an overlong '/', an encoded surrogate) passes through byte by byte.
 TEST_F(PlatformUiTest, UpperCasingCoversUnicodeAndKeepsInvalidBytes) {
-  EXPECT_EQ(Upper("epub"), "EPUB");
-  EXPECT_EQ(Upper(""), "");
-  EXPECT_EQ(Upper("fb2.zip 1-9"), "FB2.ZIP 1-9");
-  // Latin-1, Latin Extended-A, Greek and Cyrillic; ß has no single upper-case character.
-  EXPECT_EQ(Upper("äöü éß ωж"), "ÄÖÜ Éß ΩЖ");
-  EXPECT_EQ(Upper("łódź ÿ ё"), "ŁÓDŹ Ÿ Ё");
-  // The dotless ı becomes a one-byte I: the result may be shorter than the input.
-  EXPECT_EQ(Upper("ı"), "I");
-  // Invalid UTF-8 passes through byte by byte: a lone continuation byte, a cut-off lead byte,
-  // an overlong '/' and an encoded surrogate.
-  EXPECT_EQ(Upper("a\x80z"), "A\x80Z");
-  EXPECT_EQ(Upper("x\xC3"), "X\xC3");
-  EXPECT_EQ(Upper("\xC0\xAFq"), "\xC0\xAFQ");
-  EXPECT_EQ(Upper("\xED\xA0\x80s"), "\xED\xA0\x80S");
+  const std::pair<const char*, const char*> cases[] = {{"fb2.zip 1-9", "FB2.ZIP 1-9"},
+                                                       {"", ""},
+                                                       {"äöü éß ωж", "ÄÖÜ Éß ΩЖ"},
+                                                       {"łódź ÿ ё", "ŁÓDŹ Ÿ Ё"},
+                                                       {"ı", "I"},
+                                                       {"a\x80z", "A\x80Z"},
+                                                       {"x\xC3", "X\xC3"},
+                                                       {"\xC0\xAFq", "\xC0\xAFQ"},
+                                                       {"\xED\xA0\x80s", "\xED\xA0\x80S"}};
+  for (const auto& [text, upper] : cases) EXPECT_EQ(Upper(text), upper) << text;
   EXPECT_EQ(utf_toupper_ext(nullptr), nullptr);
 }
 
