@@ -3,7 +3,9 @@
 #include <curl/curl.h>
 #include <httplib.h>
 
+#include <algorithm>
 #include <stdexcept>
+#include <vector>
 
 namespace vistrel_test {
 namespace {
@@ -39,7 +41,30 @@ Fields ParseForm(const std::string& body) {
   return fields;
 }
 
+// Streams a generated body chunk by chunk; with `drop` the connection closes at half of it.
+void SetGeneratedBody(const Reply& reply, httplib::Response* res) {
+  uint64_t size = reply.generated_bytes;
+  uint64_t stop_at = reply.drop_mid_body ? size / 2 : size;
+  size_t chunk = reply.chunk_bytes > 0 ? reply.chunk_bytes : 64 * 1024;
+  auto pause = reply.chunk_pause;
+  res->set_content_provider(
+      static_cast<size_t>(size), reply.content_type,
+      [stop_at, chunk, pause](size_t offset, size_t length, httplib::DataSink& sink) {
+        if (offset >= stop_at) return false;  // closes the connection with the body cut
+        if (offset > 0 && pause.count() > 0) std::this_thread::sleep_for(pause);
+        size_t n = static_cast<size_t>(std::min<uint64_t>({chunk, length, stop_at - offset}));
+        std::vector<char> data(n);
+        for (size_t i = 0; i < n; ++i) data[i] = static_cast<char>(GeneratedByte(offset + i));
+        return sink.write(data.data(), data.size());
+      });
+}
+
 }  // namespace
+
+unsigned char GeneratedByte(uint64_t offset) {
+  uint64_t mixed = offset ^ (offset >> 8) ^ (offset >> 16) ^ (offset >> 24);
+  return static_cast<unsigned char>(mixed * 31 + 7);
+}
 
 std::string RecordedRequest::Field(const std::string& name) const {
   for (const auto& [key, value] : form) {
@@ -144,15 +169,19 @@ void FakeServer::Handle(const std::string& method, const void* request, void* re
   if (reply.delay.count() > 0) std::this_thread::sleep_for(reply.delay);
   res.status = reply.status;
   for (const auto& [name, value] : reply.headers) res.set_header(name, value);
+  if (reply.generated_bytes > 0) {
+    SetGeneratedBody(reply, &res);
+    return;
+  }
   if (reply.drop_mid_body) {
     std::string body = reply.body;
-    res.set_content_provider(
-        body.size() * 2 + 2, reply.content_type,
-        [body](size_t offset, size_t, httplib::DataSink& sink) {
-          if (offset > 0) return false;  // closes the connection with the body half sent
-          sink.write(body.data(), body.size());
-          return true;
-        });
+    res.set_content_provider(body.size() * 2 + 2, reply.content_type,
+                             [body](size_t offset, size_t, httplib::DataSink& sink) {
+                               if (offset > 0)
+                                 return false;  // closes the connection with the body half sent
+                               sink.write(body.data(), body.size());
+                               return true;
+                             });
     return;
   }
   res.set_content(reply.body, reply.content_type);

@@ -4,6 +4,7 @@
 #define TESTS_SUPPORT_FAKE_SERVER_H_
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -36,7 +37,17 @@ struct Reply {
   Fields headers;
   std::chrono::milliseconds delay{0};  // before answering
   bool drop_mid_body = false;          // send half the body, then close the connection
+  // When not 0: instead of `body`, a body of this many bytes (GeneratedByte of each offset)
+  // made while it is sent, in chunks of `chunk_bytes` with `chunk_pause` between them, so
+  // that the server holds no more than one chunk however large the body is.
+  uint64_t generated_bytes = 0;
+  size_t chunk_bytes = 64 * 1024;
+  std::chrono::milliseconds chunk_pause{0};
 };
+
+// The byte at `offset` of a generated body; differs between nearby offsets, so that lost,
+// repeated or shifted data shows.
+unsigned char GeneratedByte(uint64_t offset);
 
 // {"error": false, "response": <response>} as the shop answers.
 std::string ShopOk(const std::string& response_json);

@@ -60,6 +60,15 @@ std::string FormBody(CURL* curl, const HttpRequest& request) {
   return form;
 }
 
+// The header fields of the last answer that curl received (curl trims the values).
+void CollectHeaders(CURL* curl, std::vector<std::pair<std::string, std::string>>* headers) {
+  curl_header* previous = nullptr;
+  while (curl_header* field = curl_easy_nextheader(curl, CURLH_HEADER, -1, previous)) {
+    headers->emplace_back(field->name ? field->name : "", field->value ? field->value : "");
+    previous = field;
+  }
+}
+
 }  // namespace
 
 HttpRequest::HttpRequest(const std::string& method, const std::string& url)
@@ -83,6 +92,13 @@ HttpRequestRunner::~HttpRequestRunner() = default;
 
 int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_code,
                                       std::vector<char>* body, unsigned int limit) {
+  return PerformRequest(request, http_code, body, limit, nullptr);
+}
+
+int HttpRequestRunner::PerformRequest(
+    const HttpRequest& request, long* http_code, std::vector<char>* body, unsigned int limit,
+    std::vector<std::pair<std::string, std::string>>* response_headers) {
+  if (response_headers) response_headers->clear();
   std::unique_ptr<CURL, CurlDeleter> curl(curl_easy_init());
   if (!curl) return CURLE_FAILED_INIT;
   CURL* c = curl.get();
@@ -136,6 +152,7 @@ int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_cod
     return static_cast<int>(err);
   }
   if (body) body->swap(received);
+  if (response_headers) CollectHeaders(c, response_headers);
   return 0;
 }
 

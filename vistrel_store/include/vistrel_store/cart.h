@@ -30,6 +30,9 @@ class VISTREL_STORE_EXPORT Cart {
   void RemoveFromCart(unsigned int index);
   // Erases the first line with the book's Ean and saves; no such line changes nothing.
   void RemoveFromCart(const Book& book);
+  // Erases the first line with the book's Ean in memory only: the file keeps the line until
+  // the next save. Returns whether a line was erased.
+  bool EraseLine(const Book& book);
   // Removes every line and saves; the ids and texts of the cart are kept.
   void Clear();
   // The line at `index`, or one shared empty Book past the end.

@@ -113,6 +113,12 @@ class VISTREL_STORE_EXPORT StoreManager {
   StoreManager(const StoreManager&) = delete;
   StoreManager& operator=(const StoreManager&) = delete;
 
+  // Keeps the session of a successful login or registration, with the account, in the
+  // configuration file.
+  void RememberAccount(iconfig_s* config, const std::string& email, const std::string& password);
+  // Gives a finished download its final name and announces it, or reports and deletes it.
+  void FinishDownload();
+
   ServerApi server_api_;
   SwitchboardConfig config_;
   std::string session_id_;

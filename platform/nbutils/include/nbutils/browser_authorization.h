@@ -34,6 +34,8 @@ class BrowserAuthorization {
     // closes. Returns 0 when the session was ended by the handler, -1 when it closed.
     virtual int Run(BrowserAuthorization& session, const std::string& browser_path,
                     const std::string& url, const std::vector<std::string>& args) = 0;
+    // Brings the session's browser to the front; a backend without a window does nothing.
+    virtual void Focus(BrowserAuthorization& /*session*/) {}
   };
 
   // `handler` is not owned and must outlive the session.
@@ -43,7 +45,8 @@ class BrowserAuthorization {
   BrowserAuthorization& operator=(const BrowserAuthorization&) = delete;
 
   // Runs one session on `url`; returns when it has ended: 0 when the handler ended it, -1 when
-  // the browser closed or could not be started.
+  // the browser closed or could not be started (the handler's BrowserClosed() is called then).
+  // Any other value of the backend is returned as it is.
   int Start(const std::string& url, const std::vector<std::string>& args);
   // Brings the browser to the front.
   void SetFocus();

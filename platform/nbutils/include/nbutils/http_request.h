@@ -54,6 +54,11 @@ class HttpRequestRunner {
   // transfer failure (refused, reset, time-out, TLS, body over kMaxBodyBytes).
   int PerformRequest(const HttpRequest& request, long* http_code, std::vector<char>* body,
                      unsigned int limit);
+  // As above, and also stores the answer's header fields (name as sent, value trimmed) in
+  // `response_headers` when it is not null; for reading a redirect's Location.
+  int PerformRequest(const HttpRequest& request, long* http_code, std::vector<char>* body,
+                     unsigned int limit,
+                     std::vector<std::pair<std::string, std::string>>* response_headers);
 };
 
 namespace testing {

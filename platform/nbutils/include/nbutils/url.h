@@ -24,7 +24,8 @@ class Url {
   std::string Resolve(const std::string& location) const;
 
   // Splits a query into names and values, percent-decoded ("+" stands for a blank). When a
-  // name repeats, its first value is kept.
+  // name repeats, its first value is kept. A part that does not decode (curl refuses encoded
+  // control characters) is left out; a part without "=" has the value "".
   static std::map<std::string, std::string> ParseQuery(const std::string& query);
 
  private:

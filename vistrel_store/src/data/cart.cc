@@ -1,0 +1,211 @@
+#include "vistrel_store/cart.h"
+
+#include <fcntl.h>
+#include <json/reader.h>
+#include <json/writer.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <utility>
+
+#include "nbutils/device_environment.h"
+
+namespace norbel {
+namespace vistrel {
+namespace {
+
+const char kCartFile[] = "/mnt/ext1/system/config/vistrel_cart";
+const char kCartFolder[] = "/mnt/ext1/system/config";
+
+// A line without an Ean counts as one with the empty Ean.
+std::string EanOf(const Book& book) {
+  auto found = book.string_props_.find(Book::Ean);
+  return found == book.string_props_.end() ? std::string() : found->second;
+}
+
+bool WriteAll(int fd, const std::string& text) {
+  const char* data = text.data();
+  size_t left = text.size();
+  while (left > 0) {
+    ssize_t written = write(fd, data, left);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    data += written;
+    left -= static_cast<size_t>(written);
+  }
+  return true;
+}
+
+// Replaces `path` by a file holding `text`: written beside it, synced and renamed over it,
+// so that a crash leaves the old file or the new one but never a torn one. False when any
+// step failed; the old file is then untouched.
+bool ReplaceFile(const std::string& folder, const std::string& path, const std::string& text) {
+  std::string temp = path + ".XXXXXX";
+  int fd = mkostemp(temp.data(), O_CLOEXEC);  // not inherited by the apps the library starts
+  if (fd < 0) return false;
+  bool ok = fchmod(fd, 0644) == 0 && WriteAll(fd, text) && fsync(fd) == 0;
+  ok = close(fd) == 0 && ok;
+  if (!ok || std::rename(temp.c_str(), path.c_str()) != 0) {
+    unlink(temp.c_str());
+    return false;
+  }
+  // Makes the rename itself durable; the new file is complete either way.
+  int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir >= 0) {
+    fsync(dir);
+    close(dir);
+  }
+  return true;
+}
+
+// The signed 32-bit sum of the lines' cents; each Price is cut to 32 bits and the sum wraps
+// around as 32-bit arithmetic does.
+int32_t TotalCents(const std::vector<Book>& items) {
+  uint32_t sum = 0;
+  for (const Book& book : items) {
+    auto price = book.int_props_.find(Book::Price);
+    if (price != book.int_props_.end()) sum += static_cast<uint32_t>(price->second);
+  }
+  return static_cast<int32_t>(sum);
+}
+
+}  // namespace
+
+Cart::Cart() : cart_id_(0), user_id_(0) {}
+
+Cart::Cart(const Cart& other)
+    : items_(other.items_),
+      cart_id_(other.cart_id_),
+      session_id_(other.session_id_),
+      user_id_(other.user_id_),
+      last_change_(other.last_change_) {}
+
+Cart& Cart::operator=(Cart&& other) {
+  if (this == &other) return *this;
+  items_ = std::move(other.items_);
+  cart_id_ = other.cart_id_;
+  session_id_ = std::move(other.session_id_);
+  user_id_ = other.user_id_;
+  last_change_ = std::move(other.last_change_);
+  return *this;
+}
+
+Cart::~Cart() {}
+
+void Cart::AddToCart(const Book& book) {
+  if (IsContain(EanOf(book))) return;
+  items_.push_back(book);
+  Save();
+}
+
+bool Cart::IsContain(std::string ean) const {
+  for (const Book& item : items_) {
+    if (EanOf(item) == ean) return true;
+  }
+  return false;
+}
+
+void Cart::RemoveFromCart(unsigned int index) {
+  if (index >= items_.size()) return;
+  items_.erase(items_.begin() + index);
+  Save();
+}
+
+void Cart::RemoveFromCart(const Book& book) {
+  if (EraseLine(book)) Save();
+}
+
+bool Cart::EraseLine(const Book& book) {
+  std::string ean = EanOf(book);
+  for (auto it = items_.begin(); it != items_.end(); ++it) {
+    if (EanOf(*it) == ean) {
+      items_.erase(it);
+      return true;
+    }
+  }
+  return false;
+}
+
+void Cart::Clear() {
+  items_.clear();
+  Save();
+}
+
+const Book& Cart::GetItem(unsigned int index) const {
+  static const Book kEmpty;
+  return index < items_.size() ? items_[index] : kEmpty;
+}
+
+unsigned int Cart::GetSize() const { return static_cast<unsigned int>(items_.size()); }
+
+void Cart::Save() {
+  // Nobody is told about a cart that could not be written; the cart in memory stays.
+  ReplaceFile(utilities::DevicePath(kCartFolder), utilities::DevicePath(kCartFile),
+              Json::StyledWriter().write(ToJson()));
+}
+
+void Cart::Load() {
+  items_.clear();
+  std::ifstream in(utilities::DevicePath(kCartFile), std::ios::binary);
+  if (!in.is_open()) return;
+  // Like a broken file, one nested too deep for the reader (which throws) gives whatever the
+  // reader had built so far.
+  Json::Value json;
+  try {
+    Json::Reader().parse(in, json, true);
+  } catch (const Json::Exception&) {
+  }
+  FromJson(json);
+}
+
+bool Cart::FromJson(const Json::Value& json) {
+  items_.clear();
+  if (!json.isObject()) return false;
+  const Json::Value& positions = json["cartPositions"];
+  if (positions.isArray()) {
+    for (const Json::Value& position : positions) items_.push_back(Book::FromJson(position));
+  }
+  const Json::Value& cart = json["cart"];
+  if (cart.isObject()) {
+    cart_id_ = cart["cartID"].asInt64();
+    session_id_ = cart["cartSessionID"].asString();
+    user_id_ = cart["cartUserID"].asInt64();
+    last_change_ = cart["cartLastChange"].asString();
+  }
+  return false;
+}
+
+Json::Value Cart::ToJson() const {
+  Json::Value header(Json::objectValue);
+  header["cartID"] = Json::Int64(cart_id_);
+  header["castSessionID"] = session_id_;  // the shop's reply spells it "cartSessionID"
+  header["cartUserID"] = Json::Int64(user_id_);
+  header["cartLastChange"] = last_change_;
+
+  Json::Value positions(Json::arrayValue);
+  for (const Book& item : items_) positions.append(item.ToJson());
+
+  Json::Value json(Json::objectValue);
+  json["cartPositions"] = positions;
+  json["cart"] = header;
+  return json;
+}
+
+double Cart::GetTotalPrice() const { return static_cast<double>(TotalCents(items_)) / 100.0; }
+
+std::string Cart::GetTotalPriceFormatted() const {
+  if (items_.empty()) return "0";
+  int32_t cents = TotalCents(items_);
+  // A negative remainder prints as "-5" in the width-2 field: -5 cents show as "0,-5 EUR".
+  char text[32];
+  std::snprintf(text, sizeof(text), "%d,%02d EUR", static_cast<int>(cents / 100),
+                static_cast<int>(cents % 100));
+  return text;
+}
+
+}  // namespace vistrel
+}  // namespace norbel

@@ -1,0 +1,161 @@
+// The purchase: local cart to the shop's cart, order, payment in the browser, confirmation.
+#include <unistd.h>
+
+#include "check_log.h"
+#include "vistrel_store/auth.h"
+#include "vistrel_store/store_manager.h"
+
+namespace norbel {
+namespace vistrel {
+namespace {
+
+constexpr int NB_OK = 0;
+
+constexpr char kStartPayment[] = "ServerApi::Result norbel::vistrel::StoreManager::StartPayment()";
+constexpr char kCheckPaymentResult[] =
+    "ServerApi::Result norbel::vistrel::StoreManager::CheckPaymentResult()";
+constexpr char kCheckOrderIfNeeded[] = "int norbel::vistrel::StoreManager::CheckOrderIfNeeded()";
+
+constexpr char kResultOk[] = "ServerApi::kOk == result.code_";
+constexpr char kFailedResult[] = "ServerApi::Result(ServerApi::kFailed)";
+
+// The shop needs this long between two checks of an order.
+constexpr useconds_t kOrderPollInterval = 5000000;
+
+void EnsureNetwork() {
+  if ((QueryNetwork() & 0xf00) == 0) NetConnect(nullptr);
+}
+
+std::string StringProp(const Book& book, Book::StringProps prop) {
+  auto it = book.string_props_.find(prop);
+  return it == book.string_props_.end() ? std::string() : it->second;
+}
+
+// The text of `key` in a reply's "order" object; "" when absent or not a text.
+std::string OrderText(const Json::Value& order, const char* key) {
+  if (!order.isObject() || !order[key].isString()) return std::string();
+  return order[key].asString();
+}
+
+// Every book has a download address once the shop has delivered the order.
+bool AllLinksReady(const std::vector<Book>& books) {
+  for (const Book& book : books) {
+    if (StringProp(book, Book::EbookLink).find("http") == std::string::npos) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::tuple<ServerApi::Result, std::vector<Book>> StoreManager::CheckOut() {
+  NewSession(nullptr);
+  server_api_.GetCart();
+  for (unsigned int i = 0; i < cart_.GetSize(); ++i) {
+    server_api_.AddToCart(StringProp(cart_.GetItem(i), Book::Ean), 1);
+  }
+  Cart local(cart_);
+  ServerApi::Result result;
+  std::tie(result, cart_) = server_api_.GetCart();
+
+  std::vector<Book> dropped;
+  for (unsigned int i = 0; i < local.GetSize(); ++i) {
+    const Book& book = local.GetItem(i);
+    if (!cart_.IsContain(StringProp(book, Book::Ean))) dropped.push_back(book);
+  }
+  return std::make_tuple(ServerApi::Result(ServerApi::kOk), std::move(dropped));
+}
+
+ServerApi::Result StoreManager::StartPayment() {
+  payment_data_ = PaymentData();
+
+  nb_print_log2(kLogProgress, kStoreManagerSource, 588, kStartPayment, "Starting PrepareOrder");
+  ServerApi::Result result;
+  Order order;
+  std::tie(result, order) = server_api_.PrepareOrder(cart_.cart_id());
+  if (result.code_ != ServerApi::kOk) {
+    LogCheckFailed(kStoreManagerSource, 590, kStartPayment, kResultOk, "result");
+    return result;
+  }
+
+  // Only an integer within 32 bits counts as an order id, although it is kept in 64.
+  int64_t order_id = -1;
+  if (order.order_.isObject() && order.order_["orderID"].isInt()) {
+    order_id = order.order_["orderID"].asInt64();
+  }
+  if (order_id == -1) {
+    LogCheckFailed(kStoreManagerSource, 593, kStartPayment, "-1 == order_id", kFailedResult);
+    return ServerApi::Result(ServerApi::kFailed);
+  }
+
+  nb_print_log2(kLogProgress, kStoreManagerSource, 595, kStartPayment, "Starting CommitOrder");
+  std::tie(result, order) = server_api_.CommitOrder(order_id);
+  if (result.code_ != ServerApi::kOk) {
+    LogCheckFailed(kStoreManagerSource, 598, kStartPayment, kResultOk, "result");
+    return result;
+  }
+
+  if (order.order_.isObject() && order.order_["orderDateProcessed"].isString()) {
+    order_date_processed_ = order.order_["orderDateProcessed"].asString();
+  }
+  std::string url = OrderText(order.order_, "orderPaymentLink");
+  if (url.empty()) {
+    LogCheckFailed(kStoreManagerSource, 603, kStartPayment, "url.empty()", kFailedResult);
+    return ServerApi::Result(ServerApi::kFailed);
+  }
+
+  nb_print_log2(kLogProgress, kStoreManagerSource, 605, kStartPayment, "Starting browser auth");
+  Auth auth;
+  int err = auth.Run(url);
+  if (err != NB_OK) {
+    LogCheckFailed(kStoreManagerSource, 609, kStartPayment, "NB_OK == err", kFailedResult);
+    return ServerApi::Result(ServerApi::kFailed);
+  }
+  payment_data_ = PaymentData(order_id, auth.token_, auth.payer_id_);
+  return result;
+}
+
+ServerApi::Result StoreManager::CheckPaymentResult() {
+  EnsureNetwork();
+  ServerApi::Result result =
+      server_api_.ConfirmPayPal(payment_data_.token_, payment_data_.payer_id_);
+  if (result.code_ != ServerApi::kOk) {
+    LogCheckFailed(kStoreManagerSource, 625, kCheckPaymentResult, kResultOk, "result");
+    return result;
+  }
+  // Paid: the cart is done with, whatever the delivery still needs.
+  cart_.Clear();
+
+  for (;;) {
+    EnsureNetwork();
+    ChekResult check;
+    std::tie(result, check) = server_api_.CheckOrder(payment_data_.order_id_);
+    if (result.code_ != ServerApi::kOk) {
+      LogCheckFailed(kStoreManagerSource, 633, kCheckPaymentResult, kResultOk, "result");
+      return result;
+    }
+    bool ready = AllLinksReady(check.ebooks_);
+    usleep(kOrderPollInterval);
+    if (ready) {
+      LoadPurchased();
+      break;
+    }
+  }
+  return result;
+}
+
+int StoreManager::CheckOrderIfNeeded() {
+  if (payment_data_.order_id_ == -1) return -1;
+  EnsureNetwork();
+  ServerApi::Result result;
+  ChekResult check;
+  std::tie(result, check) = server_api_.CheckOrder(payment_data_.order_id_);
+  if (result.code_ != ServerApi::kOk) {
+    LogCheckFailed(kStoreManagerSource, 657, kCheckOrderIfNeeded, kResultOk, "-1");
+    return -1;
+  }
+  LoadPurchased();
+  return 0;
+}
+
+}  // namespace vistrel
+}  // namespace norbel
