@@ -78,7 +78,7 @@ int RunLogout(const std::vector<std::string>& words) {
   StoreManager* store = StartStore(&code);
   if (store == nullptr) return code;
   store->LogOut();
-  std::printf("logged out; the cart is empty\n");
+  std::printf("logged out on the device; the cart is empty\n");
   return kExitOk;
 }
 
@@ -233,7 +233,15 @@ int RunPay(const std::vector<std::string>& words) {
   if (store->cart().GetSize() == 0) {
     return Fail(kExitFailed, "nothing to pay: the cart is empty (run vistrel checkout)");
   }
+  // The shop's cart id is held in memory only, so the cart is checked out again here.
+  std::vector<Book> dropped;
+  std::tie(std::ignore, dropped) = store->CheckOut();
+  for (const Book& book : dropped) {
+    return Fail(kExitFailed, "the shop dropped " + Prop(book, Book::Ean) + " (" + Describe(book) +
+                                 ") from the cart; nothing was paid");
+  }
   std::printf("paying %s in the browser...\n", store->cart().GetTotalPriceFormatted().c_str());
+  std::fflush(stdout);
   ServerApi::Result result = store->StartPayment();
   if (result.code_ != ServerApi::kOk) {
     return Fail(kExitFailed, "payment failed: " + (result.message_.empty()
@@ -241,6 +249,9 @@ int RunPay(const std::vector<std::string>& words) {
                                                         : result.message_));
   }
   const auto& payment = store->payment_data();
+  if (payment.token_.empty()) {  // the browser ended at the shop's back address
+    return Fail(kExitFailed, "payment failed: the payment was not completed");
+  }
   std::printf("order %lld paid with PayPal (token %s, payer %s)\n",
               static_cast<long long>(payment.order_id_), payment.token_.c_str(),
               payment.payer_id_.c_str());
@@ -376,8 +387,10 @@ const std::vector<Command>& Commands() {
        "kept on the device.\n",
        RunLogin},
       {"logout", "log out on the device",
-       "usage: vistrel logout\n\nForgets the session, the cart and the purchases on the "
-       "device.\n",
+       "usage: vistrel logout\n\nEmpties the cart and forgets the session and the purchases "
+       "in memory. The shop\nis not told, and the device configuration keeps the stored "
+       "session, so the next\ncommand starts logged in again (log in as someone else to "
+       "replace it).\n",
        RunLogout},
       {"languages", "list the shop's catalogue languages",
        "usage: vistrel languages\n", RunLanguages},
@@ -398,8 +411,9 @@ const std::vector<Command>& Commands() {
        "when the shop dropped\na book.\n",
        RunCheckout},
       {"pay", "order the shop's cart and pay it",
-       "usage: vistrel pay\n\nPrepares and commits the order, pays it in the (emulated) "
-       "browser, and waits until\nthe shop has delivered every book (at least 5 seconds).\n",
+       "usage: vistrel pay\n\nChecks the cart out (again: the shop's cart id lives only as long "
+       "as the\nprocess), prepares and commits the order, pays it in the (emulated) browser, "
+       "and\nwaits until the shop has delivered every book (at least 5 seconds).\n",
        RunPay},
       {"purchased", "list the purchased books", "usage: vistrel purchased\n", RunPurchased},
       {"download", "download purchased books",

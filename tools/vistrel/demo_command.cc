@@ -221,6 +221,7 @@ int RunDemo(const std::vector<std::string>& words) {
                       result.message_.empty() ? "the payment was not completed" : result.message_);
   }
   const auto& payment = store->payment_data();
+  if (payment.token_.empty()) return DemoFailed("StartPayment", "the buyer went back");
   Detail("order " + std::to_string(payment.order_id_) + " processed " +
          store->order_date_processed() + "; PayPal token " + payment.token_ + ", payer " +
          payment.payer_id_);
