@@ -1,10 +1,11 @@
 // The demo shop on its own, over HTTP: configuration, the shop calls of a whole purchase, the
 // payment redirects, the book files and the misbehaviour switches.
+#include "demo_shop.h"
+
+#include <gtest/gtest.h>
 #include <httplib.h>
 #include <json/reader.h>
 #include <json/value.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -14,7 +15,6 @@
 #include <thread>
 
 #include "demo_catalog.h"
-#include "demo_shop.h"
 #include "support/ebook_check.h"
 
 namespace {
@@ -83,11 +83,20 @@ TEST_F(DemoShopTest, ConfigurationPointsAtThisServer) {
   ASSERT_EQ(200, result->status);
   EXPECT_EQ("SN-0815", shop_.last_serial());
   const Json::Value config = Parse(result->body);
-  const char* const kKeys[] = {"clientID", "clientName", "clientAddress", "clientOPDSCatalogUrl",
-                               "clientShopWebserviceUrl", "clientImprint", "clientTaC",
-                               "clientPaymentInfo", "clientInfo", "clientHelp",
-                               "clientStandbyImage", "clientSalesPermission",
-                               "clientPrivacyPolicy", "clientRevocation"};
+  const char* const kKeys[] = {"clientID",
+                               "clientName",
+                               "clientAddress",
+                               "clientOPDSCatalogUrl",
+                               "clientShopWebserviceUrl",
+                               "clientImprint",
+                               "clientTaC",
+                               "clientPaymentInfo",
+                               "clientInfo",
+                               "clientHelp",
+                               "clientStandbyImage",
+                               "clientSalesPermission",
+                               "clientPrivacyPolicy",
+                               "clientRevocation"};
   EXPECT_EQ(14u, config.size());
   for (const char* key : kKeys) {
     EXPECT_TRUE(config[key].isString() && !config[key].asString().empty()) << key;
@@ -164,7 +173,8 @@ TEST_F(DemoShopTest, PurchaseFromRegistrationToDelivery) {
   const std::string cart_id = std::to_string(header["cartID"].asInt64());
 
   // Order.
-  EXPECT_EQ("Unknown cart 1", Refusal("prepareEbookOrder", {{"sessionID", session}, {"cartID", "1"}}));
+  EXPECT_EQ("Unknown cart 1",
+            Refusal("prepareEbookOrder", {{"sessionID", session}, {"cartID", "1"}}));
   Json::Value order = Ok("prepareEbookOrder", {{"sessionID", session}, {"cartID", cart_id}});
   ASSERT_TRUE(order["order"]["orderID"].isInt());
   const std::string order_id = std::to_string(order["order"]["orderID"].asInt64());
@@ -199,7 +209,8 @@ TEST_F(DemoShopTest, PurchaseFromRegistrationToDelivery) {
   ASSERT_TRUE(page);
   EXPECT_EQ(200, page->status);
 
-  EXPECT_EQ("Unknown PayPal token", Refusal("confirmPayPal", {{"token", "EC-X"}, {"payerID", payer}}));
+  EXPECT_EQ("Unknown PayPal token",
+            Refusal("confirmPayPal", {{"token", "EC-X"}, {"payerID", payer}}));
   EXPECT_EQ("The PayPal payer does not match the payment",
             Refusal("confirmPayPal", {{"token", token}, {"payerID", "someone"}}));
   Ok("confirmPayPal", {{"token", token}, {"payerID", payer}});
@@ -215,7 +226,8 @@ TEST_F(DemoShopTest, PurchaseFromRegistrationToDelivery) {
     check = Ok("checkOrder", {{"orderID", order_id}});
   }
   const Json::Value& ebook = check["ebooks"][1];
-  EXPECT_EQ(shop_.base_url() + "/files/" + ean2 + ".pdf", ebook["orderPositionEbookLink"].asString());
+  EXPECT_EQ(shop_.base_url() + "/files/" + ean2 + ".pdf",
+            ebook["orderPositionEbookLink"].asString());
   EXPECT_EQ("PDF", ebook["orderPositionEbookFormat"].asString());
   EXPECT_FALSE(ebook["orderPositionTitle"].asString().empty());
   EXPECT_FALSE(ebook["orderPositionAuthor"].asString().empty());
@@ -235,14 +247,16 @@ TEST_F(DemoShopTest, PurchaseFromRegistrationToDelivery) {
 TEST_F(DemoShopTest, GivingUpEndsAtTheBackAddress) {
   const std::string session =
       Ok("registerUser", {{"email", "b@example.org"}, {"password", "pw"}})["sessionID"].asString();
-  const std::string cart_id =
-      Ok("addToCart", {{"sessionID", session}, {"ean", vistrel_demo::DemoCatalog()[1].ean},
-                       {"quantity", "1"}})["cartID"].asString();
+  const std::string cart_id = Ok("addToCart", {{"sessionID", session},
+                                               {"ean", vistrel_demo::DemoCatalog()[1].ean},
+                                               {"quantity", "1"}})["cartID"]
+                                  .asString();
   const std::string order_id = std::to_string(
       Ok("prepareEbookOrder", {{"sessionID", session}, {"cartID", cart_id}})["order"]["orderID"]
           .asInt64());
-  const std::string link = Ok("commitOrder", {{"sessionID", session}, {"orderID", order_id}})
-                               ["order"]["orderPaymentLink"].asString();
+  const std::string link = Ok("commitOrder", {{"sessionID", session},
+                                              {"orderID", order_id}})["order"]["orderPaymentLink"]
+                               .asString();
 
   std::vector<std::string> visited = FollowPayment(link + "?cancel=1");
   ASSERT_EQ(3u, visited.size());
@@ -318,7 +332,8 @@ TEST_F(DemoShopTest, MisbehaviourSwitches) {
   // A dropped answer arrives short of its announced length, which the client takes as an error.
   shop_.SetFailure("/files/", Failure::kDrop);
   result = client_->Get(epub_path.c_str());
-  EXPECT_TRUE(!result || result->body.size() < shop_.BookFile(vistrel_demo::DemoCatalog()[0].ean).size());
+  EXPECT_TRUE(!result ||
+              result->body.size() < shop_.BookFile(vistrel_demo::DemoCatalog()[0].ean).size());
   shop_.SetFailure("/files/", Failure::kNone);
 
   // Sent in pieces with pauses, a file still arrives whole.

@@ -1,10 +1,9 @@
 // The vistrel tool as a user runs it: separate processes against a demo shop, checked by
 // exit code, stderr line and the files left on the emulated device.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
@@ -63,7 +62,7 @@ class VistrelCliTest : public vistrel_test::DeviceTest {
 
   // The tool on this test's device, talking to `shop`.
   Outcome Vistrel(const vistrel_demo::DemoShop& shop, std::vector<std::string> args) {
-    std::vector<std::string> all = {"--device-root", device_root_, "--switchboard-url",
+    std::vector<std::string> all = {"--device-root",        device_root_, "--switchboard-url",
                                     shop.switchboard_url(), "--log-file", log_file_};
     all.insert(all.end(), args.begin(), args.end());
     return Run(all);
@@ -87,16 +86,17 @@ TEST_F(VistrelCliTest, DemoBuysAndDeliversValidBooks) {
   EXPECT_EQ(0, demo.exit_code) << demo.out << demo.err;
   EXPECT_EQ("", demo.err);
   EXPECT_NE(std::string::npos, demo.out.find("[9/9] Books on the device")) << demo.out;
-  EXPECT_NE(std::string::npos,
-            demo.out.find("in cart -> purchased -> downloading -> downloaded")) << demo.out;
+  EXPECT_NE(std::string::npos, demo.out.find("in cart -> purchased -> downloading -> downloaded"))
+      << demo.out;
 
   const auto& catalog = vistrel_demo::DemoCatalog();
   ExpectDelivered(catalog[0], "Mara Ellison - The Lighthouse Keepers Almanac.epub");
   ExpectDelivered(catalog[2], "Ida Vance - A Field Guide to Quiet Machines.pdf");
   // Sent as "application/force-download": kept under the name the store asked for.
   ExpectDelivered(catalog[3], "Tom\xc3\xa1s Reyes - Letters from the Salt Road.epub");
-  EXPECT_EQ(3, std::distance(std::filesystem::directory_iterator(device_root_ + "/mnt/ext1/Downloads"),
-                             std::filesystem::directory_iterator()));
+  EXPECT_EQ(3,
+            std::distance(std::filesystem::directory_iterator(device_root_ + "/mnt/ext1/Downloads"),
+                          std::filesystem::directory_iterator()));
   // The standby picture was installed and the scanner told about every book.
   EXPECT_EQ(1u, EventsOfKind("poweroff-logo").size());
   EXPECT_EQ(3u, EventsOfKind("request").size());
@@ -142,9 +142,10 @@ TEST_F(VistrelCliTest, ManualSessionAcrossCommands) {
   ExpectDelivered(catalog[1], "Jonas Berg - Seven Small Rivers.epub");
   ExpectDelivered(catalog[2], "Ida Vance - A Field Guide to Quiet Machines.pdf");
   step = Vistrel(shop, {"status", "books/" + catalog[2].ean});
-  EXPECT_EQ("books/" + catalog[2].ean +
-                ": downloaded /mnt/ext1/Downloads/Ida Vance - A Field Guide to Quiet Machines.pdf\n",
-            step.out);
+  EXPECT_EQ(
+      "books/" + catalog[2].ean +
+          ": downloaded /mnt/ext1/Downloads/Ida Vance - A Field Guide to Quiet Machines.pdf\n",
+      step.out);
   step = Vistrel(shop, {"purchased"});
   EXPECT_NE(std::string::npos, step.out.find("2 purchased books")) << step.out;
 
@@ -190,8 +191,8 @@ TEST_F(VistrelCliTest, ErrorsAreOneLineWithTheirExitCode) {
   // An unreachable configuration server, on a device that has no cached configuration.
   const std::string dead = shop.switchboard_url();
   shop.Stop();
-  step = Run({"--device-root", work_dir_ + "/other-device", "--switchboard-url", dead,
-              "--log-file", log_file_, "init"});
+  step = Run({"--device-root", work_dir_ + "/other-device", "--switchboard-url", dead, "--log-file",
+              log_file_, "init"});
   EXPECT_EQ(3, step.exit_code);
   EXPECT_EQ("vistrel: shop unreachable: no configuration from " + dead + "\n", step.err);
 }

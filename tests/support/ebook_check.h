@@ -13,7 +13,8 @@ namespace vistrel_test {
 
 inline uint32_t Le(const std::string& data, size_t at, int bytes) {
   uint32_t value = 0;
-  for (int i = bytes - 1; i >= 0; --i) value = (value << 8) | static_cast<unsigned char>(data[at + i]);
+  for (int i = bytes - 1; i >= 0; --i)
+    value = (value << 8) | static_cast<unsigned char>(data[at + i]);
   return value;
 }
 
@@ -22,7 +23,8 @@ inline uint32_t Le(const std::string& data, size_t at, int bytes) {
 // that lists them all, and a container.xml that names the package document.
 inline std::string EpubProblem(const std::string& data) {
   if (data.size() < 58 || Le(data, 0, 4) != 0x04034b50) return "no zip local header at 0";
-  if (data.compare(30, 8, "mimetype") != 0 || Le(data, 26, 2) != 8) return "first entry not mimetype";
+  if (data.compare(30, 8, "mimetype") != 0 || Le(data, 26, 2) != 8)
+    return "first entry not mimetype";
   if (Le(data, 8, 2) != 0) return "mimetype is compressed";
   if (Le(data, 28, 2) != 0) return "mimetype has an extra field";
   if (data.compare(38, 20, "application/epub+zip") != 0) return "wrong mimetype content";

@@ -15,17 +15,30 @@ std::string XmlEscape(const std::string& text) {
   std::string out;
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&apos;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&apos;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
 }
 
+// The documents read best laid out as they come out.
+// clang-format off
 const char kXmlHead[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
 
 std::string ContainerXml() {
@@ -102,6 +115,8 @@ std::string ChapterXhtml(const CatalogBook& book) {
   }
   return XhtmlPage(book, body);
 }
+
+// clang-format on
 
 // A PDF string literal in WinAnsi: Latin-1 letters as octal escapes, other non-ASCII as "?".
 std::string PdfString(const std::string& utf8) {
@@ -193,18 +208,19 @@ std::string MakePdf(const CatalogBook& book) {
   std::string kids;
   for (size_t i = 0; i < pages.size(); ++i) kids += std::to_string(5 + 2 * i) + " 0 R ";
   objects.push_back("<< /Type /Catalog /Pages 2 0 R >>");
-  objects.push_back("<< /Type /Pages /Kids [ " + kids + "] /Count " +
-                    std::to_string(pages.size()) + " >>");
+  objects.push_back("<< /Type /Pages /Kids [ " + kids + "] /Count " + std::to_string(pages.size()) +
+                    " >>");
   objects.push_back(
       "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>");
-  objects.push_back("<< /Title " + PdfString(book.title) + " /Author " +
-                    PdfString(book.author) + " /Producer (Vistrel Demo Shop) >>");
+  objects.push_back("<< /Title " + PdfString(book.title) + " /Author " + PdfString(book.author) +
+                    " /Producer (Vistrel Demo Shop) >>");
   for (size_t i = 0; i < pages.size(); ++i) {
-    objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 420 595] "
-                      "/Resources << /Font << /F1 3 0 R >> >> /Contents " +
-                      std::to_string(6 + 2 * i) + " 0 R >>");
-    objects.push_back("<< /Length " + std::to_string(pages[i].size()) + " >>\nstream\n" +
-                      pages[i] + "endstream");
+    objects.push_back(
+        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 420 595] "
+        "/Resources << /Font << /F1 3 0 R >> >> /Contents " +
+        std::to_string(6 + 2 * i) + " 0 R >>");
+    objects.push_back("<< /Length " + std::to_string(pages[i].size()) + " >>\nstream\n" + pages[i] +
+                      "endstream");
   }
 
   std::string out = "%PDF-1.4\n%\xe2\xe3\xcf\xd3\n";
@@ -262,9 +278,9 @@ std::string MakeStandbyBmp(int width, int height) {
       const bool frame = x < 4 || y < 4 || x >= width - 4 || y >= height - 4;
       const bool stripe = ((x + y) / 10) % 2 == 0;
       const unsigned char grey = frame ? 0x00 : stripe ? 0x40 : 0xe0;
-      line[x * 3] = static_cast<char>(grey);                                   // blue
-      line[x * 3 + 1] = static_cast<char>(grey);                               // green
-      line[x * 3 + 2] = static_cast<char>(frame ? grey : grey ^ 0x20);         // red
+      line[x * 3] = static_cast<char>(grey);                            // blue
+      line[x * 3 + 1] = static_cast<char>(grey);                        // green
+      line[x * 3 + 2] = static_cast<char>(frame ? grey : grey ^ 0x20);  // red
     }
     out += line;
   }

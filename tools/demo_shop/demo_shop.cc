@@ -236,15 +236,14 @@ void DemoShop::InstallRoutes() {
   });
 
   server_->Get("/pay/paypal", [](const Request&, Response& response) {
-    response.set_content(
-        HtmlPage("Payment approved", "Thank you. You may return to the shop now."), "text/html");
+    response.set_content(HtmlPage("Payment approved", "Thank you. You may return to the shop now."),
+                         "text/html");
   });
   server_->Get("/pay/back", [](const Request&, Response& response) {
     response.set_content(HtmlPage("Payment cancelled", "Nothing was charged."), "text/html");
   });
 
-  server_->Get(R"(/files/(\d+)\.([a-z0-9]+))", [this](const Request& request,
-                                                      Response& response) {
+  server_->Get(R"(/files/(\d+)\.([a-z0-9]+))", [this](const Request& request, Response& response) {
     const CatalogBook* book = FindCatalogBook(request.matches[1]);
     if (book == nullptr || book->extension != request.matches[2].str()) {
       response.status = 404;
@@ -285,7 +284,8 @@ std::string DemoShop::Languages() const {
          "<languages>\n"
          "  <language code=\"de\" name=\"Deutsch\"/>\n"
          "  <language code=\"en\" name=\"English\"/>\n"
-         "  <language code=\"fr\" name=\"Fran\xc3\xa7" "ais\"/>\n"
+         "  <language code=\"fr\" name=\"Fran\xc3\xa7"
+         "ais\"/>\n"
          "</languages>\n";
 }
 

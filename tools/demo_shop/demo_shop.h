@@ -89,8 +89,8 @@ class DemoShop {
   bool ApplyMisbehaviour(const httplib::Request& request, httplib::Response& response);
   Failure FailureFor(const std::string& path) const;
   // Sets the answer, sending it in pieces or dropping it half-way when told to.
-  void Reply(const httplib::Request& request, httplib::Response& response,
-             const std::string& body, const std::string& content_type);
+  void Reply(const httplib::Request& request, httplib::Response& response, const std::string& body,
+             const std::string& content_type);
 
   std::string Config() const;
   std::string Languages() const;

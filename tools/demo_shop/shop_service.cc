@@ -1,9 +1,9 @@
 #include "shop_service.h"
 
+#include <json/writer.h>
+
 #include <ctime>
 #include <random>
-
-#include <json/writer.h>
 
 #include "demo_catalog.h"
 
@@ -389,16 +389,15 @@ std::string ShopService::PaymentStart(int64_t order_id, bool cancel) {
     }
     order.payer_id = "DEMOPAYER" + std::to_string(accounts_[order.email].user_id);
   }
-  return base_url_ + "/pay/gateway?order=" + std::to_string(order_id) +
-         "&token=" + order.token + (cancel ? "&cancel=1" : "");
+  return base_url_ + "/pay/gateway?order=" + std::to_string(order_id) + "&token=" + order.token +
+         (cancel ? "&cancel=1" : "");
 }
 
 std::string ShopService::PaymentGateway(int64_t order_id, bool cancel) {
   auto it = orders_.find(order_id);
   if (it == orders_.end() || it->second.token.empty()) return "";
   if (cancel) return base_url_ + "/pay/back?order=" + std::to_string(order_id);
-  return base_url_ + "/pay/paypal?token=" + it->second.token +
-         "&PayerID=" + it->second.payer_id;
+  return base_url_ + "/pay/paypal?token=" + it->second.token + "&PayerID=" + it->second.payer_id;
 }
 
 }  // namespace vistrel_demo

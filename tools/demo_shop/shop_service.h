@@ -3,13 +3,13 @@
 #ifndef TOOLS_DEMO_SHOP_SHOP_SERVICE_H_
 #define TOOLS_DEMO_SHOP_SHOP_SERVICE_H_
 
+#include <json/value.h>
+
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
-
-#include <json/value.h>
 
 namespace vistrel_demo {
 

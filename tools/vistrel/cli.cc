@@ -54,7 +54,8 @@ std::string SwitchboardForMessages() {
 
 StoreManager* StartStore(int* exit_code) {
   if (!vistrel_host::PrepareDeviceRoot()) {
-    *exit_code = Fail(kExitFailed, "cannot prepare the device folder " + vistrel_host::DeviceRoot());
+    *exit_code =
+        Fail(kExitFailed, "cannot prepare the device folder " + vistrel_host::DeviceRoot());
     return nullptr;
   }
   StoreManager* store = StoreManager::Instance();
@@ -65,8 +66,8 @@ StoreManager* StartStore(int* exit_code) {
     return nullptr;
   }
   if (result != 0) {
-    *exit_code = Fail(kExitUnreachable, "shop unreachable: no configuration from " +
-                                            SwitchboardForMessages());
+    *exit_code = Fail(kExitUnreachable,
+                      "shop unreachable: no configuration from " + SwitchboardForMessages());
     return nullptr;
   }
   return store;
@@ -88,11 +89,16 @@ std::string Describe(const Book& book) {
 
 std::string StateName(int state) {
   switch (state) {
-    case norbel::vistrel::kInCart: return "in cart";
-    case norbel::vistrel::kPurchased: return "purchased";
-    case norbel::vistrel::kDownloading: return "downloading";
-    case norbel::vistrel::kDownloaded: return "downloaded";
-    default: return "unknown";
+    case norbel::vistrel::kInCart:
+      return "in cart";
+    case norbel::vistrel::kPurchased:
+      return "purchased";
+    case norbel::vistrel::kDownloading:
+      return "downloading";
+    case norbel::vistrel::kDownloaded:
+      return "downloaded";
+    default:
+      return "unknown";
   }
 }
 

@@ -16,11 +16,11 @@ namespace vistrel_cli {
 // Exit codes of the vistrel tool.
 enum ExitCode : int {
   kExitOk = 0,
-  kExitFailed = 1,         // the operation failed or the shop refused it
-  kExitUsage = 2,          // bad command line
-  kExitUnreachable = 3,    // configuration server or shop unreachable, or no usable configuration
-  kExitNotLoggedIn = 4,    // the command needs a session: run "vistrel login" first
-  kExitUnknownBook = 5,    // the book is not in the catalogue, the cart or the purchases
+  kExitFailed = 1,       // the operation failed or the shop refused it
+  kExitUsage = 2,        // bad command line
+  kExitUnreachable = 3,  // configuration server or shop unreachable, or no usable configuration
+  kExitNotLoggedIn = 4,  // the command needs a session: run "vistrel login" first
+  kExitUnknownBook = 5,  // the book is not in the catalogue, the cart or the purchases
 };
 
 // Writes "vistrel: <text>" as one line to stderr and returns `code`.

@@ -21,8 +21,8 @@ namespace {
 // A refusal carries the shop's text; a failure without one means the shop did not answer.
 int ReportRefusal(const std::string& what, const ServerApi::Result& result) {
   if (result.message_.empty()) {
-    return Fail(kExitUnreachable, what + " failed: the shop did not answer (" +
-                                      SwitchboardForMessages() + ")");
+    return Fail(kExitUnreachable,
+                what + " failed: the shop did not answer (" + SwitchboardForMessages() + ")");
   }
   return Fail(kExitFailed, what + " refused: " + result.message_);
 }
@@ -54,7 +54,8 @@ int RunInit(const std::vector<std::string>& words) {
 
 int RunAccount(const std::vector<std::string>& words, bool registering) {
   const char* name = registering ? "register" : "login";
-  if (words.size() != 2) return Usage(std::string(name) + " needs an e-mail address and a password");
+  if (words.size() != 2)
+    return Usage(std::string(name) + " needs an e-mail address and a password");
   int code = 0;
   StoreManager* store = StartStore(&code);
   if (store == nullptr) return code;
@@ -64,8 +65,9 @@ int RunAccount(const std::vector<std::string>& words, bool registering) {
     return ReportRefusal(registering ? "registration" : "login", result);
   }
   if (!store->IsLoggedIn()) return Fail(kExitFailed, std::string(name) + " gave no session");
-  std::printf("%s as %s; %zu purchased books\n", registering ? "registered and logged in" : "logged in",
-              words[0].c_str(), store->purchased().size());
+  std::printf("%s as %s; %zu purchased books\n",
+              registering ? "registered and logged in" : "logged in", words[0].c_str(),
+              store->purchased().size());
   return kExitOk;
 }
 
@@ -192,9 +194,8 @@ int RunCatalog(const std::vector<std::string>& words) {
   }
   for (const CatalogEntry& entry : catalog) {
     std::printf("%-14s %10s  %s - %s [%s]  (%s)\n", entry.ean.c_str(),
-                FormatCents(entry.price_cents).c_str(), entry.author.c_str(),
-                entry.title.c_str(), entry.format.c_str(),
-                StateName(store->GetBookStatus(entry.ean).status_).c_str());
+                FormatCents(entry.price_cents).c_str(), entry.author.c_str(), entry.title.c_str(),
+                entry.format.c_str(), StateName(store->GetBookStatus(entry.ean).status_).c_str());
   }
   return kExitOk;
 }
@@ -219,8 +220,8 @@ int RunCheckout(const std::vector<std::string>& words) {
   std::printf("the shop's cart %lld:\n", static_cast<long long>(store->cart().cart_id()));
   PrintCart(store);
   for (const Book& book : dropped) {
-    Fail(kExitFailed, "the shop dropped " + Prop(book, Book::Ean) + " (" + Describe(book) +
-                          ") from the cart");
+    Fail(kExitFailed,
+         "the shop dropped " + Prop(book, Book::Ean) + " (" + Describe(book) + ") from the cart");
   }
   return dropped.empty() ? kExitOk : kExitFailed;
 }
@@ -244,9 +245,9 @@ int RunPay(const std::vector<std::string>& words) {
   std::fflush(stdout);
   ServerApi::Result result = store->StartPayment();
   if (result.code_ != ServerApi::kOk) {
-    return Fail(kExitFailed, "payment failed: " + (result.message_.empty()
-                                                        ? "the payment was not completed"
-                                                        : result.message_));
+    return Fail(kExitFailed,
+                "payment failed: " +
+                    (result.message_.empty() ? "the payment was not completed" : result.message_));
   }
   const auto& payment = store->payment_data();
   if (payment.token_.empty()) {  // the browser ended at the shop's back address
@@ -259,9 +260,9 @@ int RunPay(const std::vector<std::string>& words) {
   std::fflush(stdout);
   result = store->CheckPaymentResult();
   if (result.code_ != ServerApi::kOk) {
-    return Fail(kExitFailed, "payment not confirmed: " +
-                                 (result.message_.empty() ? "the shop did not answer"
-                                                          : result.message_));
+    return Fail(kExitFailed,
+                "payment not confirmed: " +
+                    (result.message_.empty() ? "the shop did not answer" : result.message_));
   }
   std::printf("delivered; %zu purchased books (vistrel download --all)\n",
               store->purchased().size());
@@ -392,8 +393,8 @@ const std::vector<Command>& Commands() {
        "session, so the next\ncommand starts logged in again (log in as someone else to "
        "replace it).\n",
        RunLogout},
-      {"languages", "list the shop's catalogue languages",
-       "usage: vistrel languages\n", RunLanguages},
+      {"languages", "list the shop's catalogue languages", "usage: vistrel languages\n",
+       RunLanguages},
       {"catalog", "list the shop's catalogue with each book's status",
        "usage: vistrel catalog\n\nReads the catalogue that the shop configuration names "
        "(clientOPDSCatalogUrl;\nthe demo shop publishes a JSON list there).\n",

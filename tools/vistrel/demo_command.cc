@@ -150,7 +150,7 @@ int RunDemo(const std::vector<std::string>& words) {
   const int init = store->Init();
   if (init != 0) return DemoFailed("Init", "returned " + std::to_string(init), kExitUnreachable);
   if (store->config().clientShopWebserviceUrl.compare(0, shop.base_url().size(),
-                                                       shop.base_url()) != 0 &&
+                                                      shop.base_url()) != 0 &&
       store->ConfigFromServer() != 0) {  // a reused device may hold another shop's cache
     return DemoFailed("Init", "no configuration from the demo shop", kExitUnreachable);
   }
@@ -206,8 +206,8 @@ int RunDemo(const std::vector<std::string>& words) {
     return DemoFailed("CheckOut", "the shop dropped " + Prop(dropped[0], Book::Ean));
   }
   if (store->cart().GetSize() != chosen.size()) {
-    return DemoFailed("CheckOut", "the shop's cart has " +
-                                      std::to_string(store->cart().GetSize()) + " books");
+    return DemoFailed("CheckOut",
+                      "the shop's cart has " + std::to_string(store->cart().GetSize()) + " books");
   }
   Detail("shop cart " + std::to_string(store->cart().cart_id()) + ": " +
          std::to_string(store->cart().GetSize()) + " books, " +
@@ -233,7 +233,8 @@ int RunDemo(const std::vector<std::string>& words) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   if (result.code_ != ServerApi::kOk) {
-    return DemoFailed("CheckPaymentResult", result.message_.empty() ? "no answer" : result.message_);
+    return DemoFailed("CheckPaymentResult",
+                      result.message_.empty() ? "no answer" : result.message_);
   }
   char took[32];
   std::snprintf(took, sizeof took, "%.1f", seconds);
