@@ -53,6 +53,11 @@ std::string SwitchboardForMessages() {
 }
 
 StoreManager* StartStore(int* exit_code) {
+  // The device's event log goes beside the device folder unless told otherwise, so that the
+  // library's own log lines do not mix with the tool's messages on stderr.
+  if (std::getenv("VISTREL_LOG_FILE") == nullptr) {
+    setenv("VISTREL_LOG_FILE", (vistrel_host::DeviceRoot() + ".events.log").c_str(), 1);
+  }
   if (!vistrel_host::PrepareDeviceRoot()) {
     *exit_code =
         Fail(kExitFailed, "cannot prepare the device folder " + vistrel_host::DeviceRoot());

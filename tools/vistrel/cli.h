@@ -38,7 +38,8 @@ struct Args {
 bool ParseArgs(const std::vector<std::string>& words, const std::vector<std::string>& known,
                const std::vector<std::string>& flags, Args* args, std::string* error);
 
-// Prepares the emulated device and runs StoreManager::Init(). On failure returns null and
+// Prepares the emulated device (and its event log, when none was named) and runs
+// StoreManager::Init(). On failure returns null and
 // sets *exit_code after reporting the error.
 norbel::vistrel::StoreManager* StartStore(int* exit_code);
 

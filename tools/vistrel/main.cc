@@ -22,7 +22,8 @@ void PrintHelp() {
       "  --switchboard-url URL  configuration server, ending in /norbel/config/\n"
       "                         (VISTREL_SWITCHBOARD_URL)\n"
       "  --serial SERIAL        the device's serial number (VISTREL_SERIAL_NUMBER)\n"
-      "  --log-file FILE        device event log (VISTREL_LOG_FILE)\n"
+      "  --log-file FILE        device event log (VISTREL_LOG_FILE; default: the device\n"
+      "                         folder's name + \".events.log\")\n"
       "\n"
       "commands:\n");
   for (const auto& command : vistrel_cli::Commands()) {
