@@ -38,7 +38,9 @@ Json::Value ParseJson(const std::vector<char>& body) {
   try {
     reader.parse(body.data(), body.data() + body.size(), value, true);
   } catch (const std::exception&) {
-    // The reader throws on too deeply nested input; that is a failed parse like any other.
+    // The reader throws on too deeply nested input: such an answer reads as no answer, so
+    // that a hostile server cannot make the frame throw.
+    value = Json::Value();
   }
   return value;
 }
