@@ -34,8 +34,9 @@ int RunInit(const std::vector<std::string>& words) {
   int code = 0;
   StoreManager* store = StartStore(&code);
   if (store == nullptr) return code;
-  // Init may have used the cached configuration: ask the configuration server again.
-  if (store->ConfigFromServer() != 0) {
+  // Init may have used the cached configuration: ask the configuration server again, and
+  // start again on the answer (languages, session and purchases come from that shop).
+  if (store->ConfigFromServer() != 0 || store->Init() != 0) {
     return Fail(kExitUnreachable,
                 "shop unreachable: no configuration from " + SwitchboardForMessages());
   }

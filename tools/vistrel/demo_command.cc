@@ -149,10 +149,14 @@ int RunDemo(const std::vector<std::string>& words) {
               std::getenv("VISTREL_SERIAL_NUMBER"));
   const int init = store->Init();
   if (init != 0) return DemoFailed("Init", "returned " + std::to_string(init), kExitUnreachable);
-  if (store->config().clientShopWebserviceUrl.compare(0, shop.base_url().size(),
-                                                      shop.base_url()) != 0 &&
-      store->ConfigFromServer() != 0) {  // a reused device may hold another shop's cache
-    return DemoFailed("Init", "no configuration from the demo shop", kExitUnreachable);
+  if (store->config().clientShopWebserviceUrl.compare(0, shop.base_url().size(), shop.base_url()) !=
+      0) {
+    // A reused device may hold an earlier demo shop's cached configuration: fetch it anew
+    // and start again on it, so that languages, session and purchases come from this shop.
+    if (store->ConfigFromServer() != 0 || store->Init() != 0) {
+      return DemoFailed("Init", "no configuration from the demo shop", kExitUnreachable);
+    }
+    Detail("replaced the cached configuration of an earlier shop");
   }
   Detail("shop \"" + store->GetShopName() + "\", client " + store->GetClientId() +
          ", web service " + store->config().clientShopWebserviceUrl);
