@@ -60,7 +60,14 @@ bool DemoShop::Start(int port) {
   }
   InstallRoutes();
   // The socket listens already; connections wait in its backlog until the loop accepts them.
-  thread_ = std::thread([this] { server_->listen_after_bind(); });
+  thread_ = std::thread([this] {
+    server_->listen_after_bind();
+    loop_ended_ = true;
+  });
+  // Stop() can end the loop only once it runs, so wait for it here.
+  while (!server_->is_running() && !loop_ended_) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   return true;
 }
 

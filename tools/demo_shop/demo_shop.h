@@ -15,6 +15,7 @@
 #ifndef TOOLS_DEMO_SHOP_DEMO_SHOP_H_
 #define TOOLS_DEMO_SHOP_DEMO_SHOP_H_
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -98,6 +99,7 @@ class DemoShop {
 
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
+  std::atomic<bool> loop_ended_{false};
   int port_ = 0;
   std::map<std::string, std::string> book_files_;  // EAN to file body, made once
   std::string standby_bmp_;
