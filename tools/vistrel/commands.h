@@ -1,0 +1,35 @@
+// The vistrel commands. Each takes the words after its name and returns an exit code.
+#ifndef TOOLS_VISTREL_COMMANDS_H_
+#define TOOLS_VISTREL_COMMANDS_H_
+
+#include <string>
+#include <vector>
+
+#include "vistrel_store/book.h"
+#include "vistrel_store/book_status.h"
+#include "vistrel_store/store_manager.h"
+
+namespace vistrel_cli {
+
+struct Command {
+  const char* name;
+  const char* summary;
+  const char* usage;  // the command's --help text
+  int (*run)(const std::vector<std::string>& words);
+};
+
+// Every command, in the order "vistrel --help" lists them.
+const std::vector<Command>& Commands();
+
+// Downloads one purchased book, showing progress on stdout, and returns its final status
+// (kDownloaded with its path on success). Polls the store every 100 ms. When `seen` is given,
+// each status the book passes through is appended to it (repeats collapsed).
+norbel::vistrel::BookStatus DownloadWithProgress(norbel::vistrel::StoreManager* store,
+                                                 const norbel::vistrel::Book& book,
+                                                 std::vector<int>* seen = nullptr);
+
+int RunDemo(const std::vector<std::string>& words);
+
+}  // namespace vistrel_cli
+
+#endif  // TOOLS_VISTREL_COMMANDS_H_
