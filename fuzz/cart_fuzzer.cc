@@ -1,10 +1,10 @@
 // Cart::Load on any bytes in the cart file, then the cart's sums and its written form.
+#include <json/value.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
-
-#include <json/value.h>
 
 #include "fuzz_support.h"
 #include "vistrel_store/cart.h"

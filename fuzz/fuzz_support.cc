@@ -1,6 +1,7 @@
 #include "fuzz_support.h"
 
 #include <json/reader.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -31,7 +32,11 @@ bool ParseJson(const uint8_t* data, size_t size, Json::Value* value) {
 }
 
 std::string UsePrivateDevice() {
-  std::string pattern = std::filesystem::temp_directory_path() / "vistrel-fuzz-XXXXXX";
+  // Memory-backed when the host has it: a disk folder makes every file write cost a journal
+  // commit, which slows the cart target thirtyfold.
+  std::filesystem::path folder =
+      access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::filesystem::temp_directory_path();
+  std::string pattern = folder / "vistrel-fuzz-XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) {
     std::perror("mkdtemp");
     std::abort();

@@ -2,11 +2,11 @@
 #ifndef VISTREL_FUZZ_FUZZ_SUPPORT_H_
 #define VISTREL_FUZZ_FUZZ_SUPPORT_H_
 
+#include <json/value.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
-
-#include <json/value.h>
 
 namespace vistrel_fuzz {
 
@@ -15,7 +15,8 @@ namespace vistrel_fuzz {
 bool ParseJson(const uint8_t* data, size_t size, Json::Value* value);
 
 // Points the emulated device at a fresh private folder, with the device's standard folders
-// made, and removes it at exit. Device log lines go nowhere. Returns the folder.
+// made (in /dev/shm when it is writable), and removes it at exit. Device log lines go
+// nowhere. Returns the folder.
 std::string UsePrivateDevice();
 
 }  // namespace vistrel_fuzz

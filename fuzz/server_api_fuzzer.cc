@@ -3,6 +3,7 @@
 // headers, body), so malformed HTTP reaches curl; then the shop calls and the configuration
 // call run against it.
 #include <arpa/inet.h>
+#include <json/value.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -15,8 +16,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-
-#include <json/value.h>
 
 #include "fuzz_support.h"
 #include "vistrel_store/server_api.h"

@@ -94,14 +94,15 @@ TEST(BookTest, LenientConversions) {
 
 TEST(BookTest, ConversionErrorsOnlyWhereAMemberIsRead) {
   for (const char* text : {
-           R"({"cartPositionQuantity": "2"})",     // text under an integer key
-           R"({"orderID": [1]})",                  // array under an integer key
-           R"({"cartID": {}})",                    // object under an integer key
-           R"({"cartPositionID": 1e30})",          // beyond 64 bits
-           R"({"cartPositionEan": [1]})",          // array under a text key
-           R"({"orderPositionEbookDate": {}})",    // object under a text key
-           R"({"cartPositionPrice": "1.50"})",     // text as price
-           R"({"orderPositionGizmoPrize": "2"})",  // text as the order price
+           R"({"cartPositionQuantity": "2"})",      // text under an integer key
+           R"({"orderID": [1]})",                   // array under an integer key
+           R"({"cartID": {}})",                     // object under an integer key
+           R"({"cartPositionID": 1e30})",           // beyond 64 bits
+           R"({"cartID": 9223372036854775807.0})",  // a real that rounds to 2^63
+           R"({"cartPositionEan": [1]})",           // array under a text key
+           R"({"orderPositionEbookDate": {}})",     // object under a text key
+           R"({"cartPositionPrice": "1.50"})",      // text as price
+           R"({"orderPositionGizmoPrize": "2"})",   // text as the order price
            R"({"cartPositionPrice": [1]})",
        }) {
     SCOPED_TRACE(text);
@@ -111,6 +112,20 @@ TEST(BookTest, ConversionErrorsOnlyWhereAMemberIsRead) {
   // The order price is not read when the cart price is there; unknown keys are never read.
   EXPECT_EQ(PriceOf(R"({"cartPositionPrice": 1, "orderPositionGizmoPrize": "x"})"), 100);
   EXPECT_NO_THROW(FromText(R"({"price": "x", "title": {}, "cartPositionTitle": 3.5})"));
+}
+
+// jsoncpp lets a real of 2^63 through its range check; its cast would then give the lowest
+// value on x86 and the highest on ARM.
+TEST(BookTest, RealsAtTheEndsOfTheIntegerRange) {
+  Book book = FromText(R"({"cartPositionQuantity": 9223372036854774784.0,
+      "cartID": -9223372036854775808.0})");
+  EXPECT_EQ(book.int_props_.at(Book::Quantity), 9223372036854774784);  // largest below 2^63
+  EXPECT_EQ(book.int_props_.at(Book::CartId), std::numeric_limits<int64_t>::min());
+  for (const char* text : {R"({"orderID": 9223372036854775808.0})",
+                           R"({"orderPositionID": 9.3e18})", R"({"cartID": -9.3e18})"}) {
+    SCOPED_TRACE(text);
+    EXPECT_THROW(FromText(text), Json::LogicError);
+  }
 }
 
 TEST(BookTest, PriceRoundsHalfAwayFromZero) {

@@ -158,6 +158,11 @@ TEST_F(CartTest, FromJsonReadsShopReply) {
   EXPECT_EQ(cart.cart_id(), 5);
 
   EXPECT_THROW(cart.FromJson(Parse(R"({"cart": {"cartID": [1]}})")), Json::LogicError);
+  // A real of 2^63 is out of range too, not the lowest or highest id.
+  EXPECT_THROW(cart.FromJson(Parse(R"({"cart": {"cartID": 9223372036854775807.0}})")),
+               Json::LogicError);
+  EXPECT_THROW(cart.FromJson(Parse(R"({"cart": {"cartUserID": 9223372036854775808.0}})")),
+               Json::LogicError);
   EXPECT_THROW(cart.FromJson(Parse(R"({"cartPositions": [{"cartPositionPrice": "1"}]})")),
                Json::LogicError);
   EXPECT_FALSE(DeviceFileExists(kCartFile));  // reading a reply never saves
