@@ -59,6 +59,7 @@ TEST(BookTest, LaterAliasWinsAndConversionsAreLenient) {
 TEST(BookTest, ConversionErrorsOnlyWhereAMemberIsRead) {
   for (const char* text :
        {R"({"cartPositionQuantity": "2"})", R"({"orderID": [1]})", R"({"cartPositionID": 1e30})",
+        R"({"cartID": 9223372036854775807.0})",
         R"({"orderPositionEbookDate": {}})", R"({"cartPositionPrice": "1.50"})",
         R"({"orderPositionGizmoPrize": "2"})"}) {
     SCOPED_TRACE(text);

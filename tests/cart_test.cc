@@ -105,7 +105,10 @@ TEST_F(CartTest, FromJsonReadsShopReplyWithoutSaving) {
   EXPECT_EQ(cart.cart_id(), 5);
 
   EXPECT_THROW(cart.FromJson(Parse(R"({"cart": {"cartID": [1]}})")), Json::LogicError);
-  EXPECT_FALSE(DeviceFileExists(kCartFile));
+  // A real of 2^63 is out of range too, not the lowest or highest id.
+  EXPECT_THROW(cart.FromJson(Parse(R"({"cart": {"cartUserID": 9223372036854775808.0}})")),
+               Json::LogicError);
+  EXPECT_FALSE(DeviceFileExists(kCartFile));  // reading a reply never saves
 }
 
 TEST_F(CartTest, SaveAndLoadThroughTheFile) {

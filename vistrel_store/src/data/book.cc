@@ -4,6 +4,7 @@
 #include <limits>
 #include <utility>
 
+#include "json_int64.h"
 #include "vistrel_store/convert_date_time.h"
 
 namespace norbel {
@@ -98,7 +99,7 @@ Book Book::FromJson(const Json::Value& json) {
 
   // Map order is byte-wise key order, so of two aliases present the later key wins.
   for (const auto& [key, prop] : s_book_int_map) {
-    if (json.isMember(key)) book.int_props_[prop] = json[key].asInt64();
+    if (json.isMember(key)) book.int_props_[prop] = AsInt64(json[key]);
   }
   for (const auto& [key, prop] : s_book_string_map) {
     if (json.isMember(key)) book.string_props_[prop] = json[key].asString();

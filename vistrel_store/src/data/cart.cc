@@ -9,6 +9,7 @@
 
 #include "book_props.h"
 #include "device_file.h"
+#include "json_int64.h"
 #include "nbutils/device_environment.h"
 
 namespace norbel {
@@ -126,9 +127,9 @@ bool Cart::FromJson(const Json::Value& json) {
   }
   const Json::Value& cart = json["cart"];
   if (cart.isObject()) {
-    cart_id_ = cart["cartID"].asInt64();
+    cart_id_ = AsInt64(cart["cartID"]);
     session_id_ = cart["cartSessionID"].asString();
-    user_id_ = cart["cartUserID"].asInt64();
+    user_id_ = AsInt64(cart["cartUserID"]);
     last_change_ = cart["cartLastChange"].asString();
   }
   return false;

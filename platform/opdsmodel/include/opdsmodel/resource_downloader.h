@@ -36,7 +36,7 @@ class ResourceDownloader {
 
  private:
   std::string folder_;
-  TaskQueue* queue_;
+  [[maybe_unused]] TaskQueue* queue_;  // the host runs every download on the caller's thread
   utilities::Downloader downloader_;
   mutable std::mutex name_lock_;
   std::string current_name_;
