@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the whole suite: once as a normal build, then
-# again under AddressSanitizer + UndefinedBehaviorSanitizer.
+# Installs what is missing, builds, and runs the whole suite: as a normal build, again under
+# AddressSanitizer + UndefinedBehaviorSanitizer, the downloads under ThreadSanitizer, every fuzz
+# target for a short while, and finally the whole suite cross-built for the device's 32-bit ARM
+# under qemu-user.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install_deps.sh
@@ -28,3 +30,7 @@ echo "== ThreadSanitizer: the downloads, which run on a thread of their own =="
 TSAN_OPTIONS=halt_on_error=1 CTEST_ARGS="-R Download" \
   TARGETS="downloads_test platform_downloader_test" \
   run_suite build-tsan -DVISTREL_SANITIZE=thread -DVISTREL_BUILD_TOOLS=OFF
+echo "== fuzz smoke: every fuzz target for 10 s (ASan + UBSan) =="
+scripts/fuzz.sh 10
+echo "== 32-bit ARM (armhf) under qemu-user =="
+scripts/test_arm.sh
