@@ -17,6 +17,12 @@ inline std::string StringProp(const Book& book, Book::StringProps prop) {
 // The book's Ean; a book without one counts as having "".
 inline std::string EanOf(const Book& book) { return StringProp(book, Book::Ean); }
 
+// EanOf(book) == ean, without a copy: the status of a book searches long lists with it.
+inline bool HasEan(const Book& book, const std::string& ean) {
+  auto found = book.string_props_.find(Book::Ean);
+  return found == book.string_props_.end() ? ean.empty() : found->second == ean;
+}
+
 }  // namespace vistrel
 }  // namespace norbel
 

@@ -61,7 +61,7 @@ void Cart::AddToCart(const Book& book) {
 // The shop's interface passes the Ean by value.
 bool Cart::IsContain(std::string ean) const {  // NOLINT(performance-unnecessary-value-param)
   for (const Book& item : items_) {
-    if (EanOf(item) == ean) return true;
+    if (HasEan(item, ean)) return true;
   }
   return false;
 }
@@ -79,7 +79,7 @@ void Cart::RemoveFromCart(const Book& book) {
 bool Cart::EraseLine(const Book& book) {
   std::string ean = EanOf(book);
   for (auto it = items_.begin(); it != items_.end(); ++it) {
-    if (EanOf(*it) == ean) {
+    if (HasEan(*it, ean)) {
       items_.erase(it);
       return true;
     }

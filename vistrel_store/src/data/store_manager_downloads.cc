@@ -51,7 +51,7 @@ bool IsSupported(const std::string& path, const std::string& ext) {
 int StoreManager::DownloadBookById(const std::string& id) {
   std::string ean = AfterLastSlash(id);
   for (const Book& book : purchased_) {
-    if (EanOf(book) == ean) {
+    if (HasEan(book, ean)) {
       download_queue_.push_back(book);
       CheckDownloadState();
       break;
@@ -130,7 +130,7 @@ BookStatus StoreManager::GetBookStatus(const std::string& ean) {
   }
   const Book* purchased = nullptr;
   for (const Book& book : purchased_) {
-    if (EanOf(book) == ean) {
+    if (HasEan(book, ean)) {
       purchased = &book;
       break;
     }
