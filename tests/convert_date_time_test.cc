@@ -30,13 +30,9 @@ TEST(ConvertDateTimeTest, ConvertsTwelveHourClockAndReadsFieldsLeniently) {
       {"Jan 5, 2015 1:07:09 PM", true, "05.01.2015", "13:07:09", "Jan 5, 2015"},
       {"Dec 31, 1999 12:00:00 AM", true, "31.12.1999", "0:00:00", "Dec 31, 1999"},
       {"Feb 10, 2020 12:30:15 PM", true, "10.02.2020", "12:30:15", "Feb 10, 2020"},
-      {"Nov 1, 2001 11:59:59 AM", true, "01.11.2001", "11:59:59", "Nov 1, 2001"},
       {"", true, "d", "t", "o"},
       // Only the separators are checked; the hour is read the way atoi reads it.
       {"Mar xyz, 20x5 +3:a:b PM", true, "xyz.03.20x5", "15:a:b", "Mar xyz, 20x5"},
-      {"Apr 1, 2000 9x:00:00 AM", true, "01.04.2000", "9:00:00", "Apr 1, 2000"},
-      {"Apr 1, 2000 :00:00 PM", true, "01.04.2000", "12:00:00", "Apr 1, 2000"},
-      {"Apr 1, 2000 -1:00:00 PM", true, "01.04.2000", "11:00:00", "Apr 1, 2000"},
       {"Apr 1, 2000 -13:00:00 AM", true, "01.04.2000", "-1:00:00", "Apr 1, 2000"},
       // An hour beyond int reads as the largest int, as on the device: the same everywhere.
       {"Apr 1, 2000 99999999999:30:00 AM", true, "01.04.2000", "7:30:00", "Apr 1, 2000"},
@@ -48,14 +44,11 @@ TEST(ConvertDateTimeTest, ConvertsTwelveHourClockAndReadsFieldsLeniently) {
 
 // Failures before the year is read write nothing; later ones write only the original date.
 TEST(ConvertDateTimeTest, FailuresWriteOnlyWhatWasReadBefore) {
-  for (const char* in : {"2015-01-05", "Jan 5 2015 1:07:09 PM", "Jan", "Jan 5, 2015", "Jan 5,",
-                         "05.01.2015 | 13:07:09"}) {
+  for (const char* in : {"2015-01-05", "Jan 5 2015 1:07:09 PM", "05.01.2015 | 13:07:09"}) {
     Check({in, false, "d", "t", "o"});
   }
-  for (const char* in :
-       {"jan 5, 2015 1:07:09 PM", "Jan 5, 2015 1:07:09 pm", "Jan 5, 2015 1:07:09 PM ",
-        "Jan 5, 2015 1:07:09 XM", "Jan 5, 2015 1:07:09 ", "Jan 5, 2015 1:07:09",
-        "Jan 5, 2015 1:07 PM", "Jan 5, 2015 107:09 PM", "Jan 5, 2015 "}) {
+  for (const char* in : {"jan 5, 2015 1:07:09 PM", "Jan 5, 2015 1:07:09 pm",
+                         "Jan 5, 2015 1:07:09 PM ", "Jan 5, 2015 1:07 PM"}) {
     Check({in, false, "d", "t", std::string(in).substr(0, 11)});
   }
   Check({"January 5, 2015 1:07:09 PM", false, "d", "t", "January 5, 2015"});

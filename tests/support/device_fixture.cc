@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "host/environment.h"
@@ -15,11 +16,8 @@ const std::string& Event::at(size_t i) const {
 }
 
 void DeviceTest::SetUp() {
-  std::string pattern = ::testing::TempDir() + "vistrel_test_XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  ASSERT_NE(mkdtemp(buffer.data()), nullptr);
-  work_dir_ = buffer.data();
+  work_dir_ = ::testing::TempDir() + "vistrel_test_XXXXXX";
+  ASSERT_NE(mkdtemp(work_dir_.data()), nullptr);
   device_root_ = work_dir_ + "/device";
   log_file_ = work_dir_ + "/events.log";
   setenv("VISTREL_DEVICE_ROOT", device_root_.c_str(), 1);
@@ -38,8 +36,7 @@ std::string DeviceTest::HostPath(const std::string& device_path) const {
   return device_root_ + device_path;
 }
 
-void DeviceTest::WriteDeviceFile(const std::string& device_path,
-                                 const std::string& content) const {
+void DeviceTest::WriteDeviceFile(const std::string& device_path, const std::string& content) const {
   std::filesystem::create_directories(std::filesystem::path(HostPath(device_path)).parent_path());
   std::ofstream out(HostPath(device_path), std::ios::binary | std::ios::trunc);
   out << content;
@@ -47,9 +44,7 @@ void DeviceTest::WriteDeviceFile(const std::string& device_path,
 
 std::string DeviceTest::ReadDeviceFile(const std::string& device_path) const {
   std::ifstream in(HostPath(device_path), std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool DeviceTest::DeviceFileExists(const std::string& device_path) const {
@@ -59,13 +54,11 @@ bool DeviceTest::DeviceFileExists(const std::string& device_path) const {
 std::vector<Event> DeviceTest::Events() const {
   std::vector<Event> events;
   std::ifstream in(log_file_);
-  std::string line;
-  while (std::getline(in, line)) {
-    Event event;
+  for (std::string line; std::getline(in, line);) {
     std::stringstream fields(line);
-    std::string field;
-    while (std::getline(fields, field, '\t')) event.fields.push_back(field);
-    events.push_back(std::move(event));
+    events.emplace_back();
+    for (std::string field; std::getline(fields, field, '\t');)
+      events.back().fields.push_back(field);
   }
   return events;
 }
@@ -84,9 +77,8 @@ std::vector<std::string> DeviceTest::LogLines() const {
 
 std::vector<Event> DeviceTest::EventsOfKind(const std::string& kind) const {
   std::vector<Event> matching;
-  for (const Event& event : Events()) {
+  for (const Event& event : Events())
     if (event.at(0) == kind) matching.push_back(event);
-  }
   return matching;
 }
 

@@ -4,20 +4,17 @@
 #include <httplib.h>
 
 #include <algorithm>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
 namespace vistrel_test {
 namespace {
 
-std::string Decode(const std::string& text) {
-  std::string plus_as_blank = text;
-  for (char& c : plus_as_blank) {
-    if (c == '+') c = ' ';
-  }
+std::string Decode(std::string text) {
+  std::replace(text.begin(), text.end(), '+', ' ');
   int length = 0;
-  char* decoded = curl_easy_unescape(nullptr, plus_as_blank.c_str(),
-                                     static_cast<int>(plus_as_blank.size()), &length);
+  char* decoded = curl_easy_unescape(nullptr, text.c_str(), static_cast<int>(text.size()), &length);
   std::string result(decoded, static_cast<size_t>(length));
   curl_free(decoded);
   return result;
@@ -25,18 +22,11 @@ std::string Decode(const std::string& text) {
 
 Fields ParseForm(const std::string& body) {
   Fields fields;
-  size_t start = 0;
-  while (start < body.size()) {
-    size_t end = body.find('&', start);
-    if (end == std::string::npos) end = body.size();
-    std::string pair = body.substr(start, end - start);
+  std::stringstream pairs(body);
+  for (std::string pair; std::getline(pairs, pair, '&');) {
     size_t eq = pair.find('=');
-    if (eq == std::string::npos) {
-      fields.emplace_back(Decode(pair), "");
-    } else {
-      fields.emplace_back(Decode(pair.substr(0, eq)), Decode(pair.substr(eq + 1)));
-    }
-    start = end + 1;
+    fields.emplace_back(Decode(pair.substr(0, eq)),
+                        eq == std::string::npos ? "" : Decode(pair.substr(eq + 1)));
   }
   return fields;
 }
@@ -47,8 +37,7 @@ void SetGeneratedBody(const Reply& reply, httplib::Response* res) {
   uint64_t stop_at = reply.drop_mid_body ? size / 2 : size;
   size_t chunk = reply.chunk_bytes > 0 ? reply.chunk_bytes : 64 * 1024;
   auto pause = reply.chunk_pause;
-  auto provide = [stop_at, chunk, pause](size_t offset, size_t length,
-                                               httplib::DataSink& sink) {
+  auto provide = [stop_at, chunk, pause](size_t offset, size_t length, httplib::DataSink& sink) {
     if (offset >= stop_at) return false;  // closes the connection with the body cut
     if (offset > 0 && pause.count() > 0) std::this_thread::sleep_for(pause);
     size_t n = static_cast<size_t>(std::min<uint64_t>({chunk, length, stop_at - offset}));
@@ -57,14 +46,14 @@ void SetGeneratedBody(const Reply& reply, httplib::Response* res) {
     return sink.write(data.data(), data.size());
   };
   if (reply.chunked) {
-    res->set_chunked_content_provider(reply.content_type, [size, provide](size_t offset,
-                                                                    httplib::DataSink& sink) {
-      if (offset >= size) {
-        sink.done();
-        return true;
-      }
-      return provide(offset, SIZE_MAX, sink);
-    });
+    res->set_chunked_content_provider(reply.content_type,
+                                      [size, provide](size_t offset, httplib::DataSink& sink) {
+                                        if (offset >= size) {
+                                          sink.done();
+                                          return true;
+                                        }
+                                        return provide(offset, SIZE_MAX, sink);
+                                      });
   } else {
     res->set_content_provider(static_cast<size_t>(size), reply.content_type, provide);
   }
@@ -100,8 +89,6 @@ FakeServer::FakeServer() : server_(std::make_unique<httplib::Server>()) {
   };
   server_->Get(".*", handle("GET"));
   server_->Post(".*", handle("POST"));
-  server_->Put(".*", handle("PUT"));
-  server_->Delete(".*", handle("DELETE"));
   port_ = server_->bind_to_any_port("127.0.0.1");
   if (port_ <= 0) throw std::runtime_error("fake server cannot bind");
   thread_ = std::thread([this] { server_->listen_after_bind(); });
@@ -119,14 +106,9 @@ void FakeServer::Set(const std::string& path, Reply reply) {
   Set(path, [reply](const RecordedRequest&) { return reply; });
 }
 
+// A later route for a path replaces the earlier: Handle takes the last that matches.
 void FakeServer::Set(const std::string& path, Handler handler) {
   std::lock_guard<std::mutex> guard(lock_);
-  for (auto& route : routes_) {
-    if (route.first == path) {
-      route.second = std::move(handler);
-      return;
-    }
-  }
   routes_.emplace_back(path, std::move(handler));
 }
 
@@ -188,10 +170,8 @@ void FakeServer::Handle(const std::string& method, const void* request, void* re
     std::string body = reply.body;
     res.set_content_provider(body.size() * 2 + 2, reply.content_type,
                              [body](size_t offset, size_t, httplib::DataSink& sink) {
-                               if (offset > 0)
-                                 return false;  // closes the connection with the body half sent
-                               sink.write(body.data(), body.size());
-                               return true;
+                               // Past the first write the connection closes, half sent.
+                               return offset == 0 && sink.write(body.data(), body.size());
                              });
     return;
   }
