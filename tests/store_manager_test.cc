@@ -92,6 +92,18 @@ TEST_F(StoreManagerTest, AnUnparsableCacheIsFetchedAndNotCheckedForTheAddress) {
   EXPECT_EQ(ConfigFetches(), 1u);
 }
 
+TEST_F(StoreManagerTest, ADownServerFailsStartUpAndNoSerialAsksTheBaseAlone) {
+  server_.Set(ConfigPath(), Body("", 503));
+  StoreConfigInt("switchboard_update_time", 12345);
+  EXPECT_EQ(store_->Init(), -1);
+  EXPECT_EQ(ConfigInt("switchboard_update_time"), 12345);  // the next start asks again
+
+  unsetenv("VISTREL_SERIAL_NUMBER");
+  server_.Set("/norbel/config/", Body(ConfigJson(ShopUrl())));
+  EXPECT_EQ(store_->Init(), 0);
+  EXPECT_EQ(server_.requests("/norbel/config/").size(), 1u);
+}
+
 TEST_F(StoreManagerTest, AFailedFetchEmptiesTheConfigurationButNotTheClients) {
   ASSERT_EQ(store_->Init(), 0);
   server_.Set(ConfigPath(), Body("", 500));
