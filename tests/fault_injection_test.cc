@@ -137,6 +137,21 @@ TEST_F(FaultTest, TheCartFileStaysReadableWhenTheProcessIsKilledWhileSaving) {
   EXPECT_EQ(Count(HostPath(kConfigDir)), 1u);
 }
 
+TEST_F(FaultTest, AnAnswerOfGigabytesFailsAtTheCap) {
+  vistrel_test::Reply huge;
+  huge.generated_bytes = 4ull << 30;
+  huge.chunk_bytes = 1 << 20;
+  huge.chunked = true;  // no length to refuse it by: the cap has to stop the transfer
+  huge.content_type = "application/octet-stream";
+  server_.Set("/ws/shop/addToCart", huge);
+  ServerApi api;
+  api.config_.clientShopWebserviceUrl = ShopUrl();
+  const size_t heap_before = Heap();
+  EXPECT_EQ(api.AddToCart("978", 1).code_, ServerApi::kFailed);
+  EXPECT_LT(Heap(), heap_before + (8 << 20));  // what was received is given back
+  EXPECT_EQ(LogLines().size(), 1u);            // logged as a transfer failure
+}
+
 TEST_F(FaultTest, AThousandCallsLeakNoFileDescriptorsAndNoMemory) {
   int answers = 0;  // by turns a success, a shop's refusal, a success and a 500
   server_.Set("/ws/shop/addToCart", [&answers](const vistrel_test::RecordedRequest&) {

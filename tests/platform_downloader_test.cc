@@ -53,9 +53,10 @@ TEST_F(DownloaderTest, FailuresLeaveNoFileAndKeepTheOldOne) {
   cut.drop_mid_body = true;
   server_.Set("/cut", cut);
   server_.Set("/to_file", Answer(302, "", "file:///etc/hostname"));
+  server_.Set("/loop", Answer(302, "", "/loop"));
   const std::string existing = "/mnt/ext1/Downloads/existing.pdf";
   WriteDeviceFile(existing, "the old book");
-  for (const std::string path : {"/missing", "/cut", "/to_file"}) {  // a 404 is unscripted
+  for (const std::string path : {"/missing", "/cut", "/to_file", "/loop"}) {  // a 404 is unscripted
     Downloader downloader;
     EXPECT_NE(downloader.Download(server_.base_url() + path, existing, nullptr), 0) << path;
     EXPECT_EQ(Entries("/mnt/ext1/Downloads"), 1u) << path;
