@@ -17,10 +17,13 @@ inline std::string StringProp(const Book& book, Book::StringProps prop) {
 // The book's Ean; a book without one counts as having "".
 inline std::string EanOf(const Book& book) { return StringProp(book, Book::Ean); }
 
-// EanOf(book) == ean, without a copy: the status of a book searches long lists with it.
+// EanOf(book) == ean, without a copy or a search: the status of a book walks long lists with
+// it. Ean is the first string property, so when present it is the map's first entry.
+static_assert(Book::Ean == 0, "Ean must stay the first string property");
 inline bool HasEan(const Book& book, const std::string& ean) {
-  auto found = book.string_props_.find(Book::Ean);
-  return found == book.string_props_.end() ? ean.empty() : found->second == ean;
+  auto first = book.string_props_.begin();
+  bool present = first != book.string_props_.end() && first->first == Book::Ean;
+  return present ? first->second == ean : ean.empty();
 }
 
 }  // namespace vistrel
