@@ -6,19 +6,13 @@
 
 #include <cmath>
 #include <memory>
+#include <vector>
+
+#include "nbutils/http_request.h"
 
 namespace vistrel_cli {
 
 using norbel::vistrel::Book;
-
-namespace {
-
-size_t Collect(char* data, size_t size, size_t count, void* out) {
-  static_cast<std::string*>(out)->append(data, size * count);
-  return size * count;
-}
-
-}  // namespace
 
 Book CatalogEntry::ToBook() const {
   Book book;
@@ -37,25 +31,19 @@ bool FetchCatalog(const std::string& url, std::vector<CatalogEntry>* entries, st
     *error = "the shop configuration names no catalogue";
     return false;
   }
-  std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
-  if (!curl) {
-    *error = "cannot start a transfer";
-    return false;
-  }
-  std::string body;
-  curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, Collect);
-  curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &body);
-  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 30L);
-  curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-  const CURLcode code = curl_easy_perform(curl.get());
+  // The device's runner: http(s) only, a size cap, TLS verified, no redirects.
+  norbel::utilities::HttpRequest request("GET", url);
+  norbel::utilities::HttpRequestRunner runner;
   long status = 0;
-  curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
-  if (code != CURLE_OK || status != 200) {
+  std::vector<char> answer;
+  const int code = runner.PerformRequest(request, &status, &answer, 30);
+  if (code != 0 || status != 200) {
     *error = "cannot fetch the catalogue " + url + ": " +
-             (code != CURLE_OK ? curl_easy_strerror(code) : "status " + std::to_string(status));
+             (code != 0 ? curl_easy_strerror(static_cast<CURLcode>(code))
+                        : "status " + std::to_string(status));
     return false;
   }
+  const std::string body(answer.begin(), answer.end());
   Json::Value root;
   Json::CharReaderBuilder builder;
   std::string parse_error;

@@ -13,6 +13,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <functional>
 #include <memory>
 
 #include "host/environment.h"
@@ -168,8 +170,11 @@ int Fetch(const std::string& url, const std::string& file_path,
   if (!folder.empty() && !MakeFolders(folder)) return CURLE_WRITE_ERROR;
   if (folder.empty()) folder = "/";
 
-  // A fixed name: what a download killed half way left behind is taken over by the next one.
-  std::string temp = folder + "/." + name + ".part";
+  // A fixed name per target, so that what a download killed half way left behind is taken over
+  // by the next one; short, so that it fits wherever the target's name fits.
+  char hashed[32];
+  std::snprintf(hashed, sizeof(hashed), "/.dl-%016zx.part", std::hash<std::string>()(name));
+  std::string temp = folder + hashed;
   int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return CURLE_WRITE_ERROR;
 

@@ -145,7 +145,10 @@ int HttpRequestRunner::PerformRequest(
     std::string line = name;
     line += ": ";
     line += value;
-    headers.reset(curl_slist_append(headers.release(), line.c_str()));
+    curl_slist* longer = curl_slist_append(headers.get(), line.c_str());
+    if (longer == nullptr) return CURLE_OUT_OF_MEMORY;
+    headers.release();
+    headers.reset(longer);
   }
   if (headers) curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers.get());
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "event_text.h"
 #include "host/environment.h"
 #include "panelkit/panelkit.h"
 
@@ -23,8 +24,10 @@ extern "C" void nb_print_log2(int level, const char* file, int line, const char*
   }
   va_end(args);
 
+  // A logged value may hold a line break or a tab: escaped, the event stays one line.
   std::string event = std::to_string(level) + "\t" + (file ? file : "") + "\t" +
-                      std::to_string(line) + "\t" + (function ? function : "") + "\t" + text;
+                      std::to_string(line) + "\t" + (function ? function : "") + "\t" +
+                      panelkit_internal::EscapeText(text.data(), text.size(), false);
   if (vistrel_host::HasEventLog()) {
     vistrel_host::AppendEvent(event);
   } else if (level <= 2) {

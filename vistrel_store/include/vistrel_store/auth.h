@@ -20,7 +20,9 @@ class VISTREL_STORE_EXPORT Auth : public utilities::BrowserAuthorization::IEvent
   // Runs one browser session on `url`; returns the browser's result (0 when the session was
   // ended by a return address).
   int Run(const std::string& url);
+  // Whether the browser session still runs (read under the browser's lock).
   bool IsRunning();
+  // Brings the browser to the front.
   void SetFocus();
 
   void UrlChanged(const std::string& url) override;
@@ -30,6 +32,7 @@ class VISTREL_STORE_EXPORT Auth : public utilities::BrowserAuthorization::IEvent
   utilities::BrowserAuthorization browser_;
 
  public:
+  // What the last session found; read them once Run() has returned.
   bool success_;          // a PayPal return with a "token" was seen
   std::string token_;     // its "token"
   std::string payer_id_;  // its "PayerID" ("" when absent)

@@ -1,11 +1,11 @@
 #ifndef VISTREL_STORE_BOOK_H_
 #define VISTREL_STORE_BOOK_H_
 
+#include <json/value.h>
+
 #include <cstdint>
 #include <map>
 #include <string>
-
-#include <json/value.h>
 
 #include "nbutils/smart_bitmap.h"
 #include "vistrel_store/export.h"
@@ -31,14 +31,14 @@ class VISTREL_STORE_EXPORT Book {
     OrderId = 6,     // order the position belongs to
   };
   enum StringProps : int {
-    Ean = 0,             // article number; identifies the title and names its file
+    Ean = 0,  // article number; identifies the title and names its file
     Title = 1,
     Author = 2,
-    Thumbnail = 3,       // cover image address
+    Thumbnail = 3,  // cover image address
     RegisterNumber = 4,
-    EbookType = 5,       // format as the shop names it ("EPUB", "PDF")
-    EbookDate = 6,       // "05.01.2015 | 13:07:09" once converted
-    EbookLink = 7,       // download address of the e-book file
+    EbookType = 5,  // format as the shop names it ("EPUB", "PDF")
+    EbookDate = 6,  // "05.01.2015 | 13:07:09" once converted
+    EbookLink = 7,  // download address of the e-book file
   };
 
   // JSON key to property, in byte-wise key order; when several aliases of one property are
@@ -46,6 +46,7 @@ class VISTREL_STORE_EXPORT Book {
   static const std::map<std::string, IntProps> s_book_int_map;
   static const std::map<std::string, StringProps> s_book_string_map;
 
+  // A Book is copy-constructed, or moved: write `a = Book(b)` to assign a copy.
   Book();
   Book(const Book& other);
   // Takes over both maps (the source's are left empty); the cover handle is copied.
@@ -62,8 +63,8 @@ class VISTREL_STORE_EXPORT Book {
 
   std::map<IntProps, int64_t> int_props_;
   std::map<StringProps, std::string> string_props_;
-  utilities::SmartBitmap cover_;
-  bool flag_;
+  utilities::SmartBitmap cover_;  // for the caller's screens; the library never loads it
+  bool flag_;                     // for the caller; the library only copies it
 };
 
 }  // namespace vistrel

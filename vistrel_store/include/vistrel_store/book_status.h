@@ -7,7 +7,7 @@ namespace norbel {
 namespace vistrel {
 
 enum BookState : int {
-  kUnknown = 0,      // neither in the cart nor purchased
+  kUnknown = 0,  // neither in the cart nor purchased
   kInCart = 1,
   kPurchased = 2,    // bought, no file on the device, not downloading
   kDownloading = 3,  // bought and being downloaded (progress_ tells how far)

@@ -1,11 +1,11 @@
 #ifndef VISTREL_STORE_CART_H_
 #define VISTREL_STORE_CART_H_
 
+#include <json/value.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include <json/value.h>
 
 #include "vistrel_store/book.h"
 #include "vistrel_store/export.h"
@@ -15,7 +15,8 @@ namespace vistrel {
 
 // The buyer's shopping cart as the device keeps it, with its file
 // "/mnt/ext1/system/config/vistrel_cart". Lines are identified by their Ean (absent counts as
-// ""). AddToCart, both RemoveFromCart and Clear save the file when they change the cart.
+// ""). AddToCart and both RemoveFromCart save the file when they change the cart; Clear always
+// saves. A Cart is copy-constructed, or moved: write `a = Cart(b)` to assign a copy.
 class VISTREL_STORE_EXPORT Cart {
  public:
   Cart();
@@ -41,7 +42,8 @@ class VISTREL_STORE_EXPORT Cart {
 
   // Writes the file; a file that cannot be written is skipped silently.
   void Save();
-  // Removes every line, then reads the file (missing or unparsable: no lines).
+  // Removes every line, then reads the file. A missing file leaves no lines and the cart's ids
+  // as they were; a broken one gives whatever could be read of it.
   void Load();
 
   // Replaces the lines by the reply's "cartPositions" and, when "cart" is an object, the

@@ -1,10 +1,10 @@
 #ifndef VISTREL_STORE_CHEK_RESULT_H_
 #define VISTREL_STORE_CHEK_RESULT_H_
 
+#include <json/value.h>
+
 #include <cstdint>
 #include <vector>
-
-#include <json/value.h>
 
 #include "vistrel_store/book.h"
 #include "vistrel_store/export.h"

@@ -1,9 +1,9 @@
 #ifndef VISTREL_STORE_ORDER_H_
 #define VISTREL_STORE_ORDER_H_
 
-#include <vector>
-
 #include <json/value.h>
+
+#include <vector>
 
 #include "vistrel_store/book.h"
 #include "vistrel_store/export.h"

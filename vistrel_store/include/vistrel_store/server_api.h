@@ -27,12 +27,17 @@ namespace vistrel {
 // shop's "errorMsg" in message_ when the shop refused. On failure the records returned beside
 // the Result are default-constructed.
 //
+// Failures are results, with one exception: an answer whose root or "response" is JSON of
+// another kind than an object (or null), or whose "error" or records hold a member of the wrong
+// type, raises the JSON library's Json::LogicError out of the call.
+//
 // Not thread-safe: one call at a time.
 class VISTREL_STORE_EXPORT ServerApi {
  public:
   // The only two outcomes of a call.
   enum Code : int32_t { kOk = 0, kFailed = 1 };
 
+  // A default Result is kOk, as is one made from kOk alone.
   struct Result {
     Result(Code code = kOk) : code_(code) {}  // NOLINT(google-explicit-constructor)
     Result(Code code, std::string message) : code_(code), message_(std::move(message)) {}
@@ -57,12 +62,24 @@ class VISTREL_STORE_EXPORT ServerApi {
   // GETs the XML language list from "filter/languages" beside the web-service address.
   std::tuple<Result, std::vector<Language>> GetLanguages();
 
+  // The purchase calls, in the order of a purchase. Each sends "clientID"; all but CheckOrder
+  // and ConfirmPayPal send the session as "sessionID" (an order is checked by its id, a PayPal
+  // payment confirmed by the provider's token and payer id alone).
+  //
+  // "/getCart": the shop's cart with its lines.
   std::tuple<Result, Cart> GetCart();
+  // "/addToCart" with "ean" and "quantity".
   Result AddToCart(const std::string& ean, int quantity);
+  // "/prepareEbookOrder" with "cartID": an order whose "order" object holds its "orderID".
   std::tuple<Result, Order> PrepareOrder(int64_t cart_id);
+  // "/checkOrder" with "orderID": the payment status and the delivered e-books.
   std::tuple<Result, ChekResult> CheckOrder(int64_t order_id);
+  // "/commitOrder" with "orderID" and "webpage" (the shop's image address, a build setting):
+  // the committed order with its "orderPaymentLink".
   std::tuple<Result, Order> CommitOrder(int64_t order_id);
+  // "/getUserEbook": every e-book the buyer owns, with its download link.
   std::tuple<Result, std::vector<Book>> GetUserEbook();
+  // "/confirmPayPal" with "token" and "payerID".
   Result ConfirmPayPal(const std::string& token, const std::string payer_id);
 
   // The configuration in force; assigned by the owner.

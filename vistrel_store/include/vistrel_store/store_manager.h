@@ -35,6 +35,9 @@ class VISTREL_STORE_EXPORT StoreManager {
     PaymentData() = default;
     PaymentData(int64_t order_id, std::string token, std::string payer_id)
         : order_id_(order_id), token_(std::move(token)), payer_id_(std::move(payer_id)) {}
+    PaymentData(const PaymentData&) = default;
+    PaymentData(PaymentData&&) = default;
+    PaymentData& operator=(const PaymentData&) = default;
     PaymentData& operator=(PaymentData&& other) = default;
 
     int64_t order_id_ = -1;  // -1: no order pending
@@ -55,8 +58,9 @@ class VISTREL_STORE_EXPORT StoreManager {
   // installs the shop's standby picture. 0 on success, -1 on failure.
   int ConfigFromServer();
 
-  // Logs in (or registers) and stores the session and the credentials. When the
-  // configuration file cannot be opened, returns kOk without contacting the shop.
+  // Logs in (or registers) and stores the session and the credentials, then reloads the
+  // purchased books; the shop's refusal comes back with its message. When the configuration
+  // file cannot be opened, returns kOk without contacting the shop.
   ServerApi::Result LogIn(const std::string& email, const std::string& password);
   ServerApi::Result Register(const std::string& email, const std::string& password);
   // Ends the session on the device only: forgets session, cart, purchases and downloads; the
@@ -65,20 +69,26 @@ class VISTREL_STORE_EXPORT StoreManager {
   // Logs in again with the stored credentials. `config` may be an open configuration handle
   // (left open) or null. 0 on success, -1 without credentials or when the shop refused.
   int NewSession(iconfig_s* config);
+  // Whether a session is known; the shop is not asked.
   bool IsLoggedIn();
+  // The stored e-mail address and password ("" when none), read from the configuration file.
   std::string getLogin();
   std::string getPassword();
 
   // Reloads the purchased books from the shop and returns a copy of them.
   std::vector<Book> LoadPurchased();
 
+  // Adds to the local cart and saves it; a book whose Ean is in the cart already is not added
+  // again. Always kOk: the shop sees the cart at CheckOut().
   ServerApi::Result AddToCart(const Book& book);
   // By book: not saved until the next saving operation. By position: saved at once.
   int RemoveFromCart(const Book& book);
   int RemoveFromCart(unsigned int index);
 
+  // The configuration's clientName and clientID.
   std::string GetShopName();
   std::string GetClientId();
+  // Push notifications are not offered by the shop: does nothing and returns 0.
   int RegisterPushNotification();
 
   // Purchase. CheckOut() pushes the local cart to the shop, takes the shop's cart as the local
@@ -91,12 +101,18 @@ class VISTREL_STORE_EXPORT StoreManager {
   // Checks a pending order again: 0 when checked, -1 without one or when the check failed.
   int CheckOrderIfNeeded();
 
-  // Downloads. DownloadBookById() queues a purchased book (the text after the last "/" of
-  // `id` is its Ean); CheckDownloadState() moves the downloads along and returns 1 while a
-  // download task existed on entry, else 0.
+  // Downloads, one at a time, into "/mnt/ext1/Downloads". DownloadBookById() queues a
+  // purchased book (the text after the last "/" of `id` is its Ean) and moves the downloads
+  // along. Only CheckDownloadState() moves them on: call it regularly; it returns 1 while a
+  // download task existed on entry, else 0, and never waits for the download. A book queued
+  // while another one downloads is taken from the queue at once and not downloaded: queue the
+  // next book once the last one has finished. Failures are shown to the user as messages.
   int DownloadBookById(const std::string& id);
   int CheckDownloadState();
+  // The state of the book with exactly this Ean: in the cart, downloaded (with its path),
+  // downloading (with a percentage), purchased, or unknown, in this order of precedence.
   BookStatus GetBookStatus(const std::string& ean);
+  // The same for an id that may be a path or an address: the text after its last "/".
   BookStatus GetBookStatusById(const std::string& id);
 
   // Read-only views for the caller's screens.

@@ -1,9 +1,9 @@
 #ifndef VISTREL_STORE_SWITCHBOARD_CONFIG_H_
 #define VISTREL_STORE_SWITCHBOARD_CONFIG_H_
 
-#include <string>
-
 #include <json/value.h>
+
+#include <string>
 
 #include "vistrel_store/export.h"
 
