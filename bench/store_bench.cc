@@ -67,12 +67,12 @@ std::string Ean(int i) {
 // One bought e-book as the shop lists it in "/getUserEbook".
 std::string PurchasedJson(int i) {
   std::string ean = Ean(i);
-  std::string link = i == kDownloadingBook ? g_files.base_url() + "/paced/" + std::to_string(kBigFile)
-                                           : "https://shop.example/download/" + ean;
-  return R"({"orderPositionID": )" + std::to_string(100000 + i) +
-         R"(, "orderID": )" + std::to_string(50000 + i / 3) +
-         R"(, "orderPositionGizmoID": )" + std::to_string(7000 + i) +
-         R"(, "orderPositionIsEbook": 1, "orderPositionEan": ")" + ean +
+  std::string link = i == kDownloadingBook
+                         ? g_files.base_url() + "/paced/" + std::to_string(kBigFile)
+                         : "https://shop.example/download/" + ean;
+  return R"({"orderPositionID": )" + std::to_string(100000 + i) + R"(, "orderID": )" +
+         std::to_string(50000 + i / 3) + R"(, "orderPositionGizmoID": )" +
+         std::to_string(7000 + i) + R"(, "orderPositionIsEbook": 1, "orderPositionEan": ")" + ean +
          R"(", "orderPositionTitle": "The Collected Works, Volume )" + std::to_string(i) +
          R"(", "orderPositionAuthor": "Author Number )" + std::to_string(i % 977) +
          R"(", "orderPositionEbookCover": "https://cdn.example/covers/)" + ean +
@@ -343,28 +343,42 @@ void PrintTable(const TableReporter& r) {
         true);
     row("GetBookStatus during a download, p99", p99, "us", "< 100", p99 < 100);
     double check_p99 = r.Counter(status, "check_p99_us");
-    row("CheckDownloadState during a download, median", r.Counter(status, "check_p50_us"), "us",
-        "", true);
+    row("CheckDownloadState during a download, median", r.Counter(status, "check_p50_us"), "us", "",
+        true);
     row("CheckDownloadState during a download, p99", check_p99, "us", "< 100", check_p99 < 100);
   }
 }
 
 void RegisterAll() {
   benchmark::RegisterBenchmark("BM_DownloadResourceDownloader", BM_DownloadResourceDownloader)
-      ->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+      ->Iterations(3)
+      ->UseManualTime()
+      ->Unit(benchmark::kMillisecond);
   benchmark::RegisterBenchmark("BM_DownloadCurlCommandLine", BM_DownloadCurlCommandLine)
-      ->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+      ->Iterations(3)
+      ->UseManualTime()
+      ->Unit(benchmark::kMillisecond);
   benchmark::RegisterBenchmark("BM_LoadPurchased", BM_LoadPurchased)
-      ->MinTime(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+      ->MinTime(2)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond);
   benchmark::RegisterBenchmark("BM_BareJsonParse", BM_BareJsonParse)
-      ->MinTime(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+      ->MinTime(2)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond);
   benchmark::RegisterBenchmark("BM_FrameLogIn", BM_FrameLogIn)
-      ->MinTime(2)->UseRealTime()->Unit(benchmark::kMicrosecond);
+      ->MinTime(2)
+      ->UseRealTime()
+      ->Unit(benchmark::kMicrosecond);
   benchmark::RegisterBenchmark("BM_BareCurlLogIn", BM_BareCurlLogIn)
-      ->MinTime(2)->UseRealTime()->Unit(benchmark::kMicrosecond);
+      ->MinTime(2)
+      ->UseRealTime()
+      ->Unit(benchmark::kMicrosecond);
   // Last: it leaves a download running until the file server stops.
   benchmark::RegisterBenchmark("BM_StatusDuringDownload", BM_StatusDuringDownload)
-      ->Iterations(20000)->UseRealTime()->Unit(benchmark::kMicrosecond);
+      ->Iterations(20000)
+      ->UseRealTime()
+      ->Unit(benchmark::kMicrosecond);
 }
 
 }  // namespace

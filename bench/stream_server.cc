@@ -120,8 +120,6 @@ void StreamServer::Stop() {
   pid_ = -1;
 }
 
-std::string StreamServer::base_url() const {
-  return "http://127.0.0.1:" + std::to_string(port_);
-}
+std::string StreamServer::base_url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
 }  // namespace vistrel_bench

@@ -51,9 +51,9 @@ std::string ResolveDevicePath(const std::string& device_path) {
 }
 
 bool PrepareDeviceRoot() {
-  for (const char* folder : {"/mnt/ext1/system/config", "/mnt/ext1/Downloads",
-                             "/mnt/ext1/Digital Editions", "/tmp", "/kelmast/bin",
-                             "/kelmast/system/resources"}) {
+  for (const char* folder :
+       {"/mnt/ext1/system/config", "/mnt/ext1/Downloads", "/mnt/ext1/Digital Editions", "/tmp",
+        "/kelmast/bin", "/kelmast/system/resources"}) {
     if (!MakeDirs(ResolveDevicePath(folder))) return false;
   }
   return true;

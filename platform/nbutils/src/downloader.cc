@@ -108,8 +108,7 @@ size_t WriteToFile(char* data, size_t size, size_t count, void* user) {
   int64_t done = sink->done->load();
   if (done - sink->written_back >= kWritebackStep) {
     // Starts the writeback without waiting for it; the fsync at the end still guarantees it.
-    sync_file_range(sink->fd, sink->written_back, done - sink->written_back,
-                    SYNC_FILE_RANGE_WRITE);
+    sync_file_range(sink->fd, sink->written_back, done - sink->written_back, SYNC_FILE_RANGE_WRITE);
     sink->written_back = done;
   }
   ReportPercent(sink);

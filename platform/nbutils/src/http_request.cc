@@ -42,8 +42,8 @@ size_t WriteBody(char* data, size_t size, size_t count, void* user) {
   // smaller old buffer at most, not twice its size.
   size_t needed = sink->body->size() + bytes;
   if (needed > sink->body->capacity()) {
-    sink->body->reserve(std::min(std::max(needed, 2 * sink->body->capacity()),
-                                 HttpRequestRunner::kMaxBodyBytes));
+    sink->body->reserve(
+        std::min(std::max(needed, 2 * sink->body->capacity()), HttpRequestRunner::kMaxBodyBytes));
   }
   sink->body->insert(sink->body->end(), data, data + bytes);
   return bytes;
@@ -95,7 +95,6 @@ void HttpRequest::AddHeader(const std::string& name, const std::string& value) {
 }
 
 HttpRequestRunner::HttpRequestRunner() { GlobalInitOnce(); }
-
 
 int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_code,
                                       std::vector<char>* body, unsigned int limit) {

@@ -1,9 +1,9 @@
 #ifndef VISTREL_STORE_SRC_DATA_BOOK_LIST_H_
 #define VISTREL_STORE_SRC_DATA_BOOK_LIST_H_
 
-#include <vector>
-
 #include <json/value.h>
+
+#include <vector>
 
 #include "vistrel_store/book.h"
 

@@ -1,5 +1,7 @@
 #include "vistrel_store/store_manager.h"
 
+#include <json/reader.h>
+#include <json/writer.h>
 #include <sys/time.h>
 
 #include <cstdlib>
@@ -7,9 +9,6 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
-
-#include <json/reader.h>
-#include <json/writer.h>
 
 #include "check_log.h"
 #include "device_file.h"

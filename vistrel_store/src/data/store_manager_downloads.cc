@@ -65,8 +65,7 @@ int StoreManager::CheckDownloadState() {
   bool finished = false;
   if (download_future_.valid()) {
     result = 1;
-    finished = download_future_.wait_for(std::chrono::milliseconds(0)) ==
-               std::future_status::ready;
+    finished = download_future_.wait_for(std::chrono::milliseconds(0)) == std::future_status::ready;
   }
   if (finished) {
     if (download_future_.get() != 0) {

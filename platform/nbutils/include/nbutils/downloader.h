@@ -16,9 +16,9 @@ class Downloader {
   // What the last download found out.
   struct StatusInfo {
     long http_code = 0;
-    int error = 0;              // 0 on success
-    std::string content_type;   // as the server declared it ("" when it did not)
-    std::string file_path;      // the device path of the file written ("" on failure)
+    int error = 0;             // 0 on success
+    std::string content_type;  // as the server declared it ("" when it did not)
+    std::string file_path;     // the device path of the file written ("" on failure)
   };
 
   Downloader();

@@ -2,9 +2,8 @@
 #ifndef NBUTILS_EXPAT_PARSER_H_
 #define NBUTILS_EXPAT_PARSER_H_
 
-#include <string>
-
 #include <boost/unordered_map.hpp>
+#include <string>
 
 namespace norbel {
 namespace utilities {

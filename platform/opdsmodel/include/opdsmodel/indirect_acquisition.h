@@ -3,9 +3,8 @@
 #ifndef OPDSMODEL_INDIRECT_ACQUISITION_H_
 #define OPDSMODEL_INDIRECT_ACQUISITION_H_
 
-#include <string>
-
 #include <boost/ptr_container/ptr_vector.hpp>
+#include <string>
 
 namespace OPDS {
 

@@ -15,8 +15,8 @@ extern "C" {
 // Writes one event of the device log. `format` is printf-style. On a host the event goes to
 // the file named by VISTREL_LOG_FILE as "<level>\t<file>\t<line>\t<function>\t<text>";
 // without that variable, level-2 events go to stderr and the others are dropped.
-void nb_print_log2(int level, const char* file, int line, const char* function,
-                   const char* format, ...) __attribute__((format(printf, 5, 6)));
+void nb_print_log2(int level, const char* file, int line, const char* function, const char* format,
+                   ...) __attribute__((format(printf, 5, 6)));
 
 // ---- Configuration files -------------------------------------------------------------------
 
