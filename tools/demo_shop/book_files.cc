@@ -278,9 +278,10 @@ std::string MakeStandbyBmp(int width, int height) {
       const bool frame = x < 4 || y < 4 || x >= width - 4 || y >= height - 4;
       const bool stripe = ((x + y) / 10) % 2 == 0;
       const unsigned char grey = frame ? 0x00 : stripe ? 0x40 : 0xe0;
-      line[x * 3] = static_cast<char>(grey);                            // blue
-      line[x * 3 + 1] = static_cast<char>(grey);                        // green
-      line[x * 3 + 2] = static_cast<char>(frame ? grey : grey ^ 0x20);  // red
+      const size_t at = static_cast<size_t>(x) * 3;
+      line[at] = static_cast<char>(grey);                            // blue
+      line[at + 1] = static_cast<char>(grey);                        // green
+      line[at + 2] = static_cast<char>(frame ? grey : grey ^ 0x20);  // red
     }
     out += line;
   }

@@ -123,7 +123,7 @@ Json::Value ShopService::LogIn(const Fields& fields, std::string* error) {
   }
   Json::Value response(Json::objectValue);
   response["sessionID"] = NewSession(email);
-  response["userID"] = Json::Int64(it->second.user_id);
+  response["userID"] = static_cast<Json::Int64>(it->second.user_id);
   return response;
 }
 
@@ -141,7 +141,7 @@ Json::Value ShopService::RegisterUser(const Fields& fields, std::string* error) 
   accounts_[email] = Account{next_user_id_++, password};
   Json::Value response(Json::objectValue);
   response["sessionID"] = NewSession(email);
-  response["userID"] = Json::Int64(accounts_[email].user_id);
+  response["userID"] = static_cast<Json::Int64>(accounts_[email].user_id);
   return response;
 }
 
@@ -172,9 +172,9 @@ Json::Value ShopService::CartJson(const Cart& cart) const {
   for (const auto& line : cart.lines) {
     const CatalogBook* book = FindCatalogBook(line.second);
     Json::Value position(Json::objectValue);
-    position["cartPositionID"] = Json::Int64(line.first);
-    position["cartID"] = Json::Int64(cart.cart_id);
-    position["cartPositionGizmoID"] = Json::Int64(std::stoll(book->ean.substr(7)));
+    position["cartPositionID"] = static_cast<Json::Int64>(line.first);
+    position["cartID"] = static_cast<Json::Int64>(cart.cart_id);
+    position["cartPositionGizmoID"] = static_cast<Json::Int64>(std::stoll(book->ean.substr(7)));
     position["cartPositionIsEbook"] = 1;
     position["cartPositionQuantity"] = 1;
     position["cartPositionEan"] = book->ean;
@@ -188,9 +188,9 @@ Json::Value ShopService::CartJson(const Cart& cart) const {
   }
   response["cartPositions"] = positions;
   Json::Value header(Json::objectValue);
-  header["cartID"] = Json::Int64(cart.cart_id);
+  header["cartID"] = static_cast<Json::Int64>(cart.cart_id);
   header["cartSessionID"] = cart.session_id;
-  header["cartUserID"] = Json::Int64(cart.user_id);
+  header["cartUserID"] = static_cast<Json::Int64>(cart.user_id);
   header["cartLastChange"] = cart.last_change;
   response["cart"] = header;
   return response;
@@ -220,7 +220,7 @@ Json::Value ShopService::AddToCart(const Fields& fields, std::string* error) {
     cart->last_change = Now();
   }
   Json::Value response(Json::objectValue);
-  response["cartID"] = Json::Int64(cart->cart_id);
+  response["cartID"] = static_cast<Json::Int64>(cart->cart_id);
   return response;
 }
 
@@ -228,9 +228,9 @@ Json::Value ShopService::OrderPositionJson(const Order& order, int64_t position_
                                            const std::string& ean, bool with_delivery) const {
   const CatalogBook* book = FindCatalogBook(ean);
   Json::Value position(Json::objectValue);
-  position["orderPositionID"] = Json::Int64(position_id);
-  position["orderID"] = Json::Int64(order.order_id);
-  position["orderPositionGizmoID"] = Json::Int64(std::stoll(book->ean.substr(7)));
+  position["orderPositionID"] = static_cast<Json::Int64>(position_id);
+  position["orderID"] = static_cast<Json::Int64>(order.order_id);
+  position["orderPositionGizmoID"] = static_cast<Json::Int64>(std::stoll(book->ean.substr(7)));
   position["orderPositionIsEbook"] = 1;
   position["orderPositionEan"] = book->ean;
   position["orderPositionTitle"] = book->title;
@@ -255,7 +255,7 @@ Json::Value ShopService::OrderJson(const Order& order) const {
     total += FindCatalogBook(line.second)->price_cents;
     positions.append(OrderPositionJson(order, line.first, line.second, false));
   }
-  header["orderID"] = Json::Int64(order.order_id);
+  header["orderID"] = static_cast<Json::Int64>(order.order_id);
   header["orderTotal"] = total / 100.0;
   header["orderCurrency"] = "EUR";
   header["orderStatus"] = order.state == OrderState::kPrepared    ? "prepared"
@@ -327,7 +327,7 @@ Json::Value ShopService::CheckOrder(const Fields& fields, std::string* error) {
   Order* order = FindOrder(fields, error);
   if (order == nullptr) return Json::Value();
   Json::Value response(Json::objectValue);
-  response["orderID"] = Json::Int64(order->order_id);
+  response["orderID"] = static_cast<Json::Int64>(order->order_id);
   response["paymentStatus"] = order->state == OrderState::kPaid ? 1 : 0;
   Json::Value ebooks(Json::arrayValue);
   for (const auto& line : order->lines) {
@@ -352,7 +352,7 @@ Json::Value ShopService::ConfirmPayPal(const Fields& fields, std::string* error)
       order.paid_date = Now();
     }
     Json::Value response(Json::objectValue);
-    response["orderID"] = Json::Int64(order.order_id);
+    response["orderID"] = static_cast<Json::Int64>(order.order_id);
     response["paymentStatus"] = 1;
     return response;
   }

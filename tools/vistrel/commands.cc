@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
@@ -135,7 +136,7 @@ int CartAdd(StoreManager* store, const Args& args) {
     char* end = nullptr;
     const double price = std::strtod(args.Get("--price").c_str(), &end);
     if (end == nullptr || *end != '\0' || price < 0) return Usage("--price wants a number");
-    entry.price_cents = static_cast<int64_t>(price * 100.0 + 0.5);
+    entry.price_cents = std::llround(price * 100.0);
   }
   const bool present = store->cart().IsContain(ean);
   store->AddToCart(entry.ToBook());

@@ -136,7 +136,7 @@ int RunDemo(const std::vector<std::string>& words) {
     return Fail(kExitFailed, "cannot prepare the device folder " + device_root);
   }
   // The book scanner counts as running when it is installed; it is told about new books.
-  std::ofstream(vistrel_host::ResolveDevicePath("/kelmast/bin/scanner.app"), std::ios::app);
+  std::ofstream scanner(vistrel_host::ResolveDevicePath("/kelmast/bin/scanner.app"), std::ios::app);
 
   std::printf("vistrel demo: demo shop at %s\n", shop.base_url().c_str());
   std::printf("      device root %s (serial %s)\n", device_root.c_str(),

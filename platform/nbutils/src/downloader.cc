@@ -28,7 +28,7 @@ constexpr long kConnectTimeoutMs = 30000;
 constexpr long kLowSpeedBytes = 1;
 constexpr long kLowSpeedSeconds = 60;
 // Fewer, larger writes than curl's 16 KiB default.
-constexpr long kReceiveBufferBytes = 512 * 1024;
+constexpr long kReceiveBufferBytes = 512L * 1024;
 // Written data is handed to the disk in steps of this size while the transfer goes on, so
 // that the flush before the rename has little left to do.
 constexpr int64_t kWritebackStep = 8 << 20;

@@ -146,8 +146,7 @@ int HttpRequestRunner::PerformRequest(
     line += value;
     curl_slist* longer = curl_slist_append(headers.get(), line.c_str());
     if (longer == nullptr) return CURLE_OUT_OF_MEMORY;
-    headers.release();
-    headers.reset(longer);
+    if (longer != headers.get()) headers.reset(longer);  // the first entry starts the list
   }
   if (headers) curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers.get());
 
