@@ -1,12 +1,13 @@
 #include "host/environment.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
+
+#include "host/files.h"
 
 namespace vistrel_host {
 namespace {
@@ -14,19 +15,6 @@ namespace {
 std::string Env(const char* name) {
   const char* value = std::getenv(name);
   return value ? value : "";
-}
-
-bool MakeDirs(const std::string& path) {
-  std::string partial;
-  size_t pos = 0;
-  while (pos != std::string::npos) {
-    pos = path.find('/', pos + 1);
-    partial = path.substr(0, pos);
-    if (partial.empty()) continue;
-    if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
-  }
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 }  // namespace
@@ -54,7 +42,7 @@ bool PrepareDeviceRoot() {
   for (const char* folder :
        {"/mnt/ext1/system/config", "/mnt/ext1/Downloads", "/mnt/ext1/Digital Editions", "/tmp",
         "/kelmast/bin", "/kelmast/system/resources"}) {
-    if (!MakeDirs(ResolveDevicePath(folder))) return false;
+    if (!MakeFolders(ResolveDevicePath(folder))) return false;
   }
   return true;
 }

@@ -13,11 +13,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <functional>
 #include <memory>
 
 #include "host/environment.h"
+#include "host/files.h"
 
 namespace norbel {
 namespace utilities {
@@ -41,23 +40,6 @@ void GlobalInitOnce() {
 struct CurlDeleter {
   void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
 };
-
-bool MakeFolders(const std::string& path) {
-  for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1)) {
-    if (mkdir(path.substr(0, pos).c_str(), 0755) != 0 && errno != EEXIST) return false;
-  }
-  if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool SyncFolder(const std::string& folder) {
-  int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool ok = fsync(fd) == 0;
-  close(fd);
-  return ok;
-}
 
 struct Counters {
   std::atomic<int64_t>* total;
@@ -166,14 +148,12 @@ int Fetch(const std::string& url, const std::string& file_path,
   std::string folder = slash == std::string::npos ? "." : target.substr(0, slash);
   std::string name = target.substr(slash + 1);
   if (name.empty() || name == "." || name == "..") return CURLE_WRITE_ERROR;
-  if (!folder.empty() && !MakeFolders(folder)) return CURLE_WRITE_ERROR;
+  if (!folder.empty() && !vistrel_host::MakeFolders(folder)) return CURLE_WRITE_ERROR;
   if (folder.empty()) folder = "/";
 
   // A fixed name per target, so that what a download killed half way left behind is taken over
-  // by the next one; short, so that it fits wherever the target's name fits.
-  char hashed[32];
-  std::snprintf(hashed, sizeof(hashed), "/.dl-%016zx.part", std::hash<std::string>()(name));
-  std::string temp = folder + hashed;
+  // by the next one.
+  std::string temp = folder + "/" + vistrel_host::TemporaryName(name, ".part");
   int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return CURLE_WRITE_ERROR;
 
@@ -185,7 +165,7 @@ int Fetch(const std::string& url, const std::string& file_path,
     unlink(temp.c_str());
     return error;
   }
-  SyncFolder(folder);
+  vistrel_host::SyncFolder(folder);
   if (progress) progress(100);
   return 0;
 }

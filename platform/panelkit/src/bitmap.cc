@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "atomic_file.h"
 #include "host/environment.h"
+#include "host/files.h"
 #include "panelkit/panelkit.h"
 
 namespace {
@@ -272,7 +272,7 @@ extern "C" ibitmap* LoadBitmap(const char* path) {
 extern "C" int SaveBitmap(const char* path, const ibitmap* bitmap) {
   std::string file;
   if (!path || !*path || !Usable(bitmap) || !EncodeBmp(bitmap, &file)) return 0;
-  return panelkit_internal::ReplaceFile(vistrel_host::ResolveDevicePath(path), file, 0644) ? 1 : 0;
+  return vistrel_host::ReplaceFile(vistrel_host::ResolveDevicePath(path), file, 0644) ? 1 : 0;
 }
 
 extern "C" ibitmap* GetResource(const char* name, const ibitmap* fallback) {
@@ -286,7 +286,7 @@ extern "C" ibitmap* GetResource(const char* name, const ibitmap* fallback) {
 
 extern "C" void WritePartnerPowerOffLogo(const ibitmap* bitmap) {
   if (!Usable(bitmap)) return;
-  if (!panelkit_internal::MakeFolders(vistrel_host::ResolveDevicePath("/mnt/ext1/system/logo"))) {
+  if (!vistrel_host::MakeFolders(vistrel_host::ResolveDevicePath("/mnt/ext1/system/logo"))) {
     return;
   }
   if (!SaveBitmap("/mnt/ext1/system/logo/offlogo_partner.bmp", bitmap)) return;

@@ -19,8 +19,8 @@
 #include <map>
 #include <string>
 
-#include "atomic_file.h"
 #include "host/environment.h"
+#include "host/files.h"
 #include "panelkit/panelkit.h"
 
 struct iconfig_s {
@@ -187,7 +187,7 @@ extern "C" iconfig* OpenConfig(const char* path, iconfigedit* /*edit*/) {
 extern "C" int SaveConfig(iconfig* config) {
   if (!config) return 0;
   if (!config->changed) return 1;
-  if (!panelkit_internal::ReplaceFile(config->host_path, Serialize(config->values), 0600)) {
+  if (!vistrel_host::ReplaceFile(config->host_path, Serialize(config->values), 0600)) {
     return 0;
   }
   config->changed = false;

@@ -8,9 +8,9 @@
 #include <utility>
 
 #include "book_props.h"
-#include "device_file.h"
 #include "json_int64.h"
 #include "nbutils/device_environment.h"
+#include "nbutils/file_utils.h"
 
 namespace norbel {
 namespace vistrel {
@@ -101,7 +101,7 @@ unsigned int Cart::GetSize() const { return static_cast<unsigned int>(items_.siz
 
 void Cart::Save() {
   // Nobody is told about a cart that could not be written; the cart in memory stays.
-  WriteDeviceFileAtomically(kCartFile, Json::StyledWriter().write(ToJson()));
+  utilities::WriteFileAtomically(kCartFile, Json::StyledWriter().write(ToJson()));
 }
 
 void Cart::Load() {

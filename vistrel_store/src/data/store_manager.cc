@@ -11,9 +11,9 @@
 #include <sstream>
 
 #include "check_log.h"
-#include "device_file.h"
 #include "nbutils/book_store_auth_configs.h"
 #include "nbutils/device_environment.h"
+#include "nbutils/file_utils.h"
 
 namespace norbel {
 namespace vistrel {
@@ -155,7 +155,7 @@ int StoreManager::ConfigFromServer() {
 
   std::ostringstream text;
   text << config_.ToJson();
-  WriteDeviceFileAtomically(kSwitchboardCachePath, text.str());
+  utilities::WriteFileAtomically(kSwitchboardCachePath, text.str());
 
   if (!config_.clientStandbyImage.empty()) {
     opds::ResourceDownloader downloader(kStandbyFolder, nullptr);

@@ -1,13 +1,18 @@
-#include "atomic_file.h"
+#include "host/files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <functional>
 
-namespace panelkit_internal {
+namespace vistrel_host {
 namespace {
+
+// The longest name a folder entry takes on the device's file systems.
+constexpr size_t kMaxNameBytes = 255;
 
 bool WriteAll(int fd, const char* data, size_t size) {
   while (size > 0) {
@@ -27,24 +32,21 @@ std::string FolderOf(const std::string& path) {
   return path.substr(0, slash);
 }
 
-// The rename is durable only once the folder entry itself reached the disk.
-bool SyncFolder(const std::string& folder) {
-  int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool ok = fsync(fd) == 0;
-  close(fd);
-  return ok;
-}
-
 }  // namespace
+
+std::string TemporaryName(const std::string& name, const char* suffix) {
+  std::string temp = "." + name + suffix;
+  if (temp.size() <= kMaxNameBytes) return temp;
+  char hashed[32];
+  std::snprintf(hashed, sizeof(hashed), ".tmp-%016zx", std::hash<std::string>()(name));
+  return hashed + std::string(suffix);
+}
 
 bool ReplaceFile(const std::string& host_path, const std::string& contents, mode_t mode) {
   std::string folder = FolderOf(host_path);
   std::string name = host_path.substr(host_path.find_last_of('/') + 1);
   if (name.empty()) return false;
-  // A fixed name: a temporary left by a process killed mid-save is taken over by the next
-  // save instead of piling up on the device.
-  std::string temp = folder + "/." + name + ".new";
+  std::string temp = folder + "/" + TemporaryName(name, ".new");
   int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0) return false;
   bool ok =
@@ -72,4 +74,12 @@ bool MakeFolders(const std::string& host_path) {
   return stat(host_path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-}  // namespace panelkit_internal
+bool SyncFolder(const std::string& host_folder) {
+  int fd = open(host_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool ok = fsync(fd) == 0;
+  close(fd);
+  return ok;
+}
+
+}  // namespace vistrel_host
