@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "curl_handle.h"
 #include "host/environment.h"
 #include "host/files.h"
 
@@ -31,15 +32,6 @@ constexpr long kReceiveBufferBytes = 512L * 1024;
 // Written data is handed to the disk in steps of this size while the transfer goes on, so
 // that the flush before the rename has little left to do.
 constexpr int64_t kWritebackStep = 8 << 20;
-
-void GlobalInitOnce() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
-struct CurlDeleter {
-  void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
-};
 
 struct Counters {
   std::atomic<int64_t>* total;
@@ -119,7 +111,7 @@ void Configure(CURL* curl, const std::string& url, Sink* sink) {
 // Runs the transfer into `fd`; 0 when it completed with a 2xx answer.
 int Transfer(const std::string& url, int fd, const std::function<void(int)>& progress,
              Counters counters, Downloader::StatusInfo* status) {
-  std::unique_ptr<CURL, CurlDeleter> curl(curl_easy_init());
+  CurlHandle curl = NewCurlHandle();
   if (!curl) return CURLE_FAILED_INIT;
   Sink sink;
   sink.curl = curl.get();
@@ -172,7 +164,7 @@ int Fetch(const std::string& url, const std::string& file_path,
 
 }  // namespace
 
-Downloader::Downloader() { GlobalInitOnce(); }
+Downloader::Downloader() = default;
 
 Downloader::~Downloader() = default;
 

@@ -6,7 +6,10 @@
 #include <atomic>
 #include <limits>
 #include <memory>
-#include <mutex>
+
+#include "curl_handle.h"
+
+#include "curl_handle.h"
 
 namespace norbel {
 namespace utilities {
@@ -14,14 +17,6 @@ namespace {
 
 std::atomic<int64_t> g_limit_override_ms{0};
 
-void GlobalInitOnce() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
-struct CurlDeleter {
-  void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
-};
 struct SlistDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
@@ -94,7 +89,7 @@ void HttpRequest::AddHeader(const std::string& name, const std::string& value) {
   headers_.emplace_back(name, value);
 }
 
-HttpRequestRunner::HttpRequestRunner() { GlobalInitOnce(); }
+HttpRequestRunner::HttpRequestRunner() = default;
 
 int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_code,
                                       std::vector<char>* body, unsigned int limit) {
@@ -105,7 +100,7 @@ int HttpRequestRunner::PerformRequest(
     const HttpRequest& request, long* http_code, std::vector<char>* body, unsigned int limit,
     std::vector<std::pair<std::string, std::string>>* response_headers) {
   if (response_headers) response_headers->clear();
-  std::unique_ptr<CURL, CurlDeleter> curl(curl_easy_init());
+  CurlHandle curl = NewCurlHandle();
   if (!curl) return CURLE_FAILED_INIT;
   CURL* c = curl.get();
 
