@@ -12,16 +12,9 @@
 namespace {
 
 using norbel::vistrel::StoreManager;
+using vistrel_test::Answer;
 using vistrel_test::Reply;
 using vistrel_test::ShopOk;
-
-Reply File(const std::string& body, const std::string& type, int status = 200) {
-  Reply reply;
-  reply.body = body;
-  reply.content_type = type;
-  reply.status = status;
-  return reply;
-}
 
 class DownloadsTest : public vistrel_test::ShopTest {
  protected:
@@ -35,7 +28,7 @@ class DownloadsTest : public vistrel_test::ShopTest {
               R"(", "orderPositionAuthor": "Author", "orderPositionEbookFormat": "PDF", )" +
               R"("orderPositionEbookLink": ")" + server_.base_url() + "/files/" + files[i] + "\"}";
     }
-    server_.Set("/ws/shop/getUserEbook", File(ShopOk("[" + list + "]"), "application/json"));
+    server_.Set("/ws/shop/getUserEbook", Answer(ShopOk("[" + list + "]")));
     StoreConfigValue("session_id", "sess");
     ASSERT_EQ(store_->Init(), 0);
   }
@@ -56,7 +49,7 @@ class DownloadsTest : public vistrel_test::ShopTest {
 
 TEST_F(DownloadsTest, ABookIsRenamedAfterItsDeclaredTypeAndTheScannerIsTold) {
   WriteDeviceFile("/kelmast/bin/scanner.app", "#!");
-  server_.Set("/files/epub", File("PK-epub-bytes", "application/epub+zip"));
+  server_.Set("/files/epub", Answer("PK-epub-bytes", 200, "application/epub+zip"));
   Start({"epub"});
   EXPECT_EQ(store_->DownloadBookById("a/b/1"), 0);
   DrainDownloads();
@@ -86,7 +79,7 @@ TEST_F(DownloadsTest, ABookIsRenamedAfterItsDeclaredTypeAndTheScannerIsTold) {
 }
 
 TEST_F(DownloadsTest, AForcedDownloadKeepsItsNameAndNoScannerMeansNoRequest) {
-  server_.Set("/files/forced", File("%PDF-1.4", "application/force-download; name=x"));
+  server_.Set("/files/forced", Answer("%PDF-1.4", 200, "application/force-download; name=x"));
   Start({"forced"});
   store_->DownloadBookById("1");
   DrainDownloads();
@@ -95,9 +88,9 @@ TEST_F(DownloadsTest, AForcedDownloadKeepsItsNameAndNoScannerMeansNoRequest) {
 }
 
 TEST_F(DownloadsTest, PagesAndFailuresAreReportedAndTheNextDownloadRuns) {
-  server_.Set("/files/html", File("<html>login first</html>", "text/html; charset=utf-8"));
-  server_.Set("/files/bad", File("gone", "text/plain", 500));
-  server_.Set("/files/good", File("%PDF-1.4", "application/pdf"));
+  server_.Set("/files/html", Answer("<html>login first</html>", 200, "text/html; charset=utf-8"));
+  server_.Set("/files/bad", Answer("gone", 500, "text/plain"));
+  server_.Set("/files/good", Answer("%PDF-1.4", 200, "application/pdf"));
   Start({"html", "bad", "good"});
   for (const char* id : {"1", "2", "3"}) {
     store_->DownloadBookById(id);
@@ -113,10 +106,10 @@ TEST_F(DownloadsTest, PagesAndFailuresAreReportedAndTheNextDownloadRuns) {
 }
 
 TEST_F(DownloadsTest, ASecondBookAskedForDuringADownloadIsTakenAndLost) {
-  Reply slow = File(std::string(200000, 'x'), "application/pdf");
+  Reply slow = Answer(std::string(200000, 'x'), 200, "application/pdf");
   slow.delay = std::chrono::milliseconds(600);
   server_.Set("/files/slow", slow);
-  server_.Set("/files/other", File("%PDF", "application/pdf"));
+  server_.Set("/files/other", Answer("%PDF", 200, "application/pdf"));
   Start({"slow", "other"});
 
   store_->DownloadBookById("1");

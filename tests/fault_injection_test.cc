@@ -28,9 +28,9 @@ constexpr char kDownloads[] = "/mnt/ext1/Downloads";
 constexpr char kConfigDir[] = "/mnt/ext1/system/config";
 constexpr char kCartFile[] = "/mnt/ext1/system/config/vistrel_cart";
 
-size_t Count(const std::string& host_folder) {
-  std::error_code error;  // a missing folder has no entries
-  return std::distance(std::filesystem::directory_iterator(host_folder, error), {});
+// The process's open file descriptors.
+size_t OpenFiles() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 // Bytes in use on the heap, large blocks included.
@@ -77,7 +77,7 @@ TEST_F(FaultTest, SelfSignedCertificatesAreRefused) {
   EXPECT_EQ(api.LogIn("a@b.c", "pw").code_, ServerApi::kFailed);
   norbel::opds::ResourceDownloader downloader(kDownloads, nullptr);
   EXPECT_NE(downloader.DownloadResource(base + "/ws/shop/login", "book.epub", nullptr), 0);
-  EXPECT_EQ(Count(HostPath(kDownloads)), 0u);
+  EXPECT_EQ(DeviceFolderEntries(kDownloads), 0u);
   server.stop();
   thread.join();
 }
@@ -100,7 +100,7 @@ TEST_F(FaultTest, AFullDiskFailsTheDownloadAndLeavesNoPartialFile) {
   setrlimit(RLIMIT_FSIZE, &saved);
   signal(SIGXFSZ, old_handler);
   EXPECT_NE(result, 0) << "the full disk went unreported";
-  EXPECT_EQ(Count(HostPath(kDownloads)), 0u);
+  EXPECT_EQ(DeviceFolderEntries(kDownloads), 0u);
 }
 
 // Without a shop: the process must have no other threads when it forks, or the child could
@@ -147,7 +147,7 @@ TEST_F(CartKillTest, TheCartFileStaysReadableWhenTheProcessIsKilledWhileSaving) 
   }
   // Killed saves leave at most one temporary, and the next save takes it over.
   add("last");
-  EXPECT_EQ(Count(HostPath(kConfigDir)), 1u);
+  EXPECT_EQ(DeviceFolderEntries(kConfigDir), 1u);
 }
 
 TEST_F(FaultTest, AnAnswerOfGigabytesFailsAtTheCap) {
@@ -182,14 +182,14 @@ TEST_F(FaultTest, AThousandCallsLeakNoFileDescriptorsAndNoMemory) {
   };
   ASSERT_EQ(burst(40), 20);  // warms up the libraries' one-time state
 
-  const size_t files_before = Count("/proc/self/fd");
+  const size_t files_before = OpenFiles();
   const size_t heap_before = Heap();
   EXPECT_EQ(burst(1000), 500);
   // The fake server closes its side of the last connections on its own thread.
-  for (int i = 0; i < 200 && Count("/proc/self/fd") > files_before; ++i) {
+  for (int i = 0; i < 200 && OpenFiles() > files_before; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  EXPECT_LE(Count("/proc/self/fd"), files_before + 2);
+  EXPECT_LE(OpenFiles(), files_before + 2);
   EXPECT_LT(Heap(), heap_before + (8 << 20));
 }
 

@@ -13,16 +13,9 @@ namespace {
 using norbel::vistrel::Book;
 using norbel::vistrel::ServerApi;
 using norbel::vistrel::StoreManager;
-using vistrel_test::Reply;
+using vistrel_test::Answer;
+using vistrel_test::Redirect;
 using vistrel_test::ShopOk;
-
-Reply Body(const std::string& body, int status = 200, const std::string& location = "") {
-  Reply reply;
-  reply.body = body;
-  reply.status = status;
-  if (!location.empty()) reply.headers = {{"Location", location}};
-  return reply;
-}
 
 Book BookWithEan(const std::string& ean) {
   Book book;
@@ -45,13 +38,13 @@ class PaymentTest : public vistrel_test::ShopTest {
   // A shop that prepares order 12 and sends the buyer through two redirects to PayPal's return.
   void ScriptOrder(const std::string& order_id_json = "12") {
     server_.Set("/ws/shop/prepareEbookOrder",
-                Body(ShopOk(R"({"order": {"orderID": )" + order_id_json + "}}")));
+                Answer(ShopOk(R"({"order": {"orderID": )" + order_id_json + "}}")));
     server_.Set("/ws/shop/commitOrder",
-                Body(ShopOk(R"({"order": {"orderID": 12, "orderPaymentLink": ")" +
-                            server_.base_url() + R"(/pay/start"}})")));
-    server_.Set("/pay/start", Body("", 302, "/pay/gateway?step=1"));
+                Answer(ShopOk(R"({"order": {"orderID": 12, "orderPaymentLink": ")" +
+                              server_.base_url() + R"(/pay/start"}})")));
+    server_.Set("/pay/start", Redirect(302, "/pay/gateway?step=1"));
     server_.Set("/pay/gateway",
-                Body("", 302, server_.base_url() + "/pay/paypal?token=EC-9&PayerID=P7"));
+                Redirect(302, server_.base_url() + "/pay/paypal?token=EC-9&PayerID=P7"));
   }
 
   // Whether a check of the store manager failed at `line` with `text` in its log line.
@@ -66,15 +59,15 @@ class PaymentTest : public vistrel_test::ShopTest {
 };
 
 TEST_F(PaymentTest, CheckOutReturnsTheBooksTheShopDroppedAndTakesTheShopsCart) {
-  server_.Set("/ws/shop/getCart", Body(CartReply("")));
+  server_.Set("/ws/shop/getCart", Answer(CartReply("")));
   store_->CheckOut();  // an empty cart only reads the shop's twice
   EXPECT_EQ(server_.requests("/ws/shop/getCart").size(), 2u);
   EXPECT_TRUE(server_.requests("/ws/shop/addToCart").empty());
 
   store_->AddToCart(BookWithEan("111"));
   store_->AddToCart(BookWithEan("222"));
-  server_.Set("/ws/shop/addToCart", Body(ShopOk("{}")));
-  server_.Set("/ws/shop/getCart", Body(CartReply(R"({"cartPositionEan": "111"},
+  server_.Set("/ws/shop/addToCart", Answer(ShopOk("{}")));
+  server_.Set("/ws/shop/getCart", Answer(CartReply(R"({"cartPositionEan": "111"},
                                                     {"cartPositionEan": "333"})")));
   auto [result, dropped] = store_->CheckOut();
   EXPECT_EQ(result.code_, ServerApi::kOk);
@@ -89,11 +82,11 @@ TEST_F(PaymentTest, APaidOrderIsConfirmedAndWaitsForEveryLink) {
   ASSERT_EQ(store_->StartPayment().code_, ServerApi::kOk);
 
   // The first check has no link yet; the second has one.
-  server_.Set("/ws/shop/confirmPayPal", Body(ShopOk("{}")));
+  server_.Set("/ws/shop/confirmPayPal", Answer(ShopOk("{}")));
   std::atomic<int> checks{0};
   server_.Set("/ws/shop/checkOrder", [&](const auto&) {
     std::string link = checks++ == 0 ? "" : "http://files/111.epub";
-    return Body(
+    return Answer(
         ShopOk(R"({"paymentStatus": 1, "ebooks": [{"orderPositionEbookLink": ")" + link + "\"}]}"));
   });
   auto begin = std::chrono::steady_clock::now();
@@ -105,7 +98,7 @@ TEST_F(PaymentTest, APaidOrderIsConfirmedAndWaitsForEveryLink) {
             (vistrel_test::Fields{{"token", "EC-9"}, {"payerID", "P7"}, {"clientID", "c1"}}));
   EXPECT_EQ(server_.requests("/ws/shop/checkOrder")[0].Field("orderID"), "12");
   EXPECT_EQ(store_->CheckOrderIfNeeded(), 0);
-  server_.Set("/ws/shop/checkOrder", Body("", 502));
+  server_.Set("/ws/shop/checkOrder", Answer("", 502));
   EXPECT_EQ(store_->CheckOrderIfNeeded(), -1);
   EXPECT_TRUE(HasLine(657, "Condition: \"ServerApi::kOk == result.code_\", return(\"-1\")]"));
 }
@@ -121,14 +114,14 @@ TEST_F(PaymentTest, AnOrderIdThatIsNotA32BitIntegerStopsBeforeCommitting) {
 
 TEST_F(PaymentTest, WithoutPaymentLinkOrWithTheBrowserClosedThePaymentFails) {
   ScriptOrder();
-  server_.Set("/ws/shop/commitOrder", Body(ShopOk(R"({"order": {"orderID": 12}})")));
+  server_.Set("/ws/shop/commitOrder", Answer(ShopOk(R"({"order": {"orderID": 12}})")));
   EXPECT_EQ(store_->StartPayment().code_, ServerApi::kFailed);
   EXPECT_TRUE(server_.requests("/pay/start").empty());
   EXPECT_TRUE(HasLine(603, "Condition: \"url.empty()\""));
 
   // A payment page that never returns to the shop: the buyer closed the browser.
   ScriptOrder();
-  server_.Set("/pay/start", Body("<html>pay here</html>"));
+  server_.Set("/pay/start", Answer("<html>pay here</html>"));
   EXPECT_EQ(store_->StartPayment().code_, ServerApi::kFailed);
   EXPECT_TRUE(HasLine(609, "Condition: \"NB_OK == err\""));
 }
@@ -136,20 +129,20 @@ TEST_F(PaymentTest, WithoutPaymentLinkOrWithTheBrowserClosedThePaymentFails) {
 TEST_F(PaymentTest, TheCartGoesOnceThePaymentIsConfirmed) {
   EXPECT_EQ(store_->CheckOrderIfNeeded(), -1);  // no order yet: nothing is sent
   store_->AddToCart(BookWithEan("111"));
-  server_.Set("/ws/shop/confirmPayPal", Body(vistrel_test::ShopError("token expired")));
+  server_.Set("/ws/shop/confirmPayPal", Answer(vistrel_test::ShopError("token expired")));
   EXPECT_EQ(store_->CheckPaymentResult().message_, "token expired");
   EXPECT_EQ(store_->cart().GetSize(), 1u);
   EXPECT_TRUE(HasLine(625, "return(\"result\")]"));
   EXPECT_TRUE(server_.requests("/ws/shop/checkOrder").empty());
 
-  server_.Set("/ws/shop/confirmPayPal", Body(ShopOk("{}")));
-  server_.Set("/ws/shop/checkOrder", Body("", 500));
+  server_.Set("/ws/shop/confirmPayPal", Answer(ShopOk("{}")));
+  server_.Set("/ws/shop/checkOrder", Answer("", 500));
   EXPECT_EQ(store_->CheckPaymentResult().code_, ServerApi::kFailed);
   EXPECT_TRUE(HasLine(633, "return(\"result\")]"));
   EXPECT_EQ(store_->cart().GetSize(), 0u);
 
   // An order without books still waits one pass.
-  server_.Set("/ws/shop/checkOrder", Body(ShopOk(R"({"paymentStatus": 1})")));
+  server_.Set("/ws/shop/checkOrder", Answer(ShopOk(R"({"paymentStatus": 1})")));
   auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(store_->CheckPaymentResult().code_, ServerApi::kOk);
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));

@@ -15,19 +15,12 @@ namespace {
 
 using norbel::utilities::BrowserAuthorization;
 using norbel::utilities::Url;
+using vistrel_test::Answer;
 using vistrel_test::FakeServer;
-using vistrel_test::Reply;
+using vistrel_test::Redirect;
 using Urls = std::vector<std::string>;
 
 // A page of the shop; with `location` a redirect there.
-Reply Page(int status = 200, const std::string& location = "") {
-  Reply reply;
-  reply.status = status;
-  reply.content_type = "text/html";
-  if (!location.empty()) reply.headers = {{"Location", location}};
-  return reply;
-}
-
 // Runs one session on `url` with the host backend; records what it reports, and ends it on
 // the first address containing "/pay/paypal".
 struct Recorder : BrowserAuthorization::IEventHandler {
@@ -53,9 +46,9 @@ struct Recorder : BrowserAuthorization::IEventHandler {
 TEST(HttpBrowserTest, FollowsARedirectChainHopByHopUntilTheHandlerEndsIt) {
   FakeServer shop, provider;  // the provider is a second host, reached by absolute addresses
   const std::string s = shop.base_url(), p = provider.base_url();
-  shop.Set("/pay/start", Page(302, "next?step=2"));
-  shop.Set("/pay/next", Page(301, p + "/checkout"));
-  provider.Set("/checkout", Page(303, s + "/pay/paypal?token=EC-1"));
+  shop.Set("/pay/start", Redirect(302, "next?step=2"));
+  shop.Set("/pay/next", Redirect(301, p + "/checkout"));
+  provider.Set("/checkout", Redirect(303, s + "/pay/paypal?token=EC-1"));
 
   Recorder recorder;
   EXPECT_EQ(recorder.Run(s + "/pay/start"), 0);
@@ -69,7 +62,7 @@ TEST(HttpBrowserTest, FollowsARedirectChainHopByHopUntilTheHandlerEndsIt) {
 
 TEST(HttpBrowserTest, ARedirectLoopStopsAfterTwentyHops) {
   FakeServer shop;
-  shop.Set("/loop", Page(302, "/loop"));
+  shop.Set("/loop", Redirect(302, "/loop"));
   Recorder recorder;
   EXPECT_EQ(recorder.Run(shop.base_url() + "/loop"), -1);
   EXPECT_EQ(recorder.closed, 1);
@@ -80,9 +73,9 @@ TEST(HttpBrowserTest, ARedirectLoopStopsAfterTwentyHops) {
 TEST(HttpBrowserTest, AnAddressWithoutAUsableRedirectClosesTheBrowser) {
   FakeServer shop;
   std::string s = shop.base_url();
-  shop.Set("/pay/start", Page(307, "/pay/form"));
-  shop.Set("/pay/form", Page());
-  shop.Set("/to-ftp", Page(302, "ftp://127.0.0.1/pay/file"));
+  shop.Set("/pay/start", Redirect(307, "/pay/form"));
+  shop.Set("/pay/form", Answer("", 200, "text/html"));
+  shop.Set("/to-ftp", Redirect(302, "ftp://127.0.0.1/pay/file"));
   for (const auto& [start, shown] : std::vector<std::pair<std::string, Urls>>{
            {s + "/pay/start", {s + "/pay/start", s + "/pay/form"}},       // a page that stays
            {s + "/to-ftp", {s + "/to-ftp", "ftp://127.0.0.1/pay/file"}},  // shown, not loaded

@@ -1,7 +1,6 @@
 // Downloads against a fake server: files appear whole or not at all, names stay inside the
 // folder, and progress can be watched from another thread.
 #include <atomic>
-#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -13,32 +12,21 @@
 namespace {
 
 using norbel::utilities::Downloader;
+using vistrel_test::Answer;
+using vistrel_test::Redirect;
 using vistrel_test::Reply;
 
 class DownloaderTest : public vistrel_test::DeviceTest {
  protected:
-  // The entries of a device folder, hidden ones (temporaries) included.
-  size_t Entries(const std::string& device_folder) const {
-    return std::distance(std::filesystem::directory_iterator(HostPath(device_folder)), {});
-  }
-
   vistrel_test::FakeServer server_;
 };
 
 // An answer of `status` with `body`, redirecting to `location` when one is given.
-Reply Answer(int status, const std::string& body, const std::string& location = "") {
-  Reply reply;
-  reply.status = status;
-  reply.body = body;
-  if (!location.empty()) reply.headers = {{"Location", location}};
-  return reply;
-}
-
 TEST_F(DownloaderTest, FollowsRedirectsAndReportsTypeAndDevicePath) {
-  Reply book = Answer(200, "PK\x03\x04 an epub");
+  Reply book = Answer("PK\x03\x04 an epub");
   book.content_type = "application/epub+zip";
   server_.Set("/book.epub", book);
-  server_.Set("/old", Answer(302, "moved", "/book.epub"));
+  server_.Set("/old", Redirect(302, "/book.epub", "moved"));
   Downloader downloader;
   const std::string path = "/mnt/ext1/New/Sub/book.epub";  // the folder does not exist yet
   ASSERT_EQ(downloader.Download(server_.base_url() + "/old", path, nullptr), 0);
@@ -52,27 +40,27 @@ TEST_F(DownloaderTest, FailuresLeaveNoFileAndKeepTheOldOne) {
   cut.generated_bytes = 4 << 20;
   cut.drop_mid_body = true;
   server_.Set("/cut", cut);
-  server_.Set("/to_file", Answer(302, "", "file:///etc/hostname"));
-  server_.Set("/loop", Answer(302, "", "/loop"));
+  server_.Set("/to_file", Redirect(302, "file:///etc/hostname"));
+  server_.Set("/loop", Redirect(302, "/loop"));
   const std::string existing = "/mnt/ext1/Downloads/existing.pdf";
   WriteDeviceFile(existing, "the old book");
   for (const std::string path : {"/missing", "/cut", "/to_file", "/loop"}) {  // a 404 is unscripted
     Downloader downloader;
     EXPECT_NE(downloader.Download(server_.base_url() + path, existing, nullptr), 0) << path;
-    EXPECT_EQ(Entries("/mnt/ext1/Downloads"), 1u) << path;
+    EXPECT_EQ(DeviceFolderEntries("/mnt/ext1/Downloads"), 1u) << path;
     EXPECT_EQ(ReadDeviceFile(existing), "the old book");
   }
 }
 
 TEST_F(DownloaderTest, ResourceNamesStayInsideTheFolder) {
-  server_.Set("/f", Answer(200, "content"));
+  server_.Set("/f", Answer("content"));
   norbel::opds::ResourceDownloader downloader("/mnt/ext1/Downloads/", nullptr);
   for (const std::string name : {"../x", ".."}) {
     ASSERT_EQ(downloader.DownloadResource(server_.base_url() + "/f", name, nullptr), 0);
     EXPECT_EQ(ReadDeviceFile(downloader.GetStatusInfo().file_path), "content");
   }
-  EXPECT_EQ(Entries("/mnt/ext1/Downloads"), 2u);
-  EXPECT_EQ(Entries("/mnt/ext1"), 3u);  // system, Downloads, Digital Editions
+  EXPECT_EQ(DeviceFolderEntries("/mnt/ext1/Downloads"), 2u);
+  EXPECT_EQ(DeviceFolderEntries("/mnt/ext1"), 3u);  // system, Downloads, Digital Editions
 }
 
 TEST_F(DownloaderTest, ProgressIsVisibleFromAnotherThread) {

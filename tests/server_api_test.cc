@@ -12,16 +12,10 @@ namespace {
 
 using norbel::vistrel::ServerApi;
 using norbel::vistrel::SwitchboardConfig;
+using vistrel_test::Answer;
 using vistrel_test::Fields;
 using vistrel_test::Reply;
 using vistrel_test::ShopOk;
-
-Reply Json(const std::string& body, int status = 200) {
-  Reply reply;
-  reply.status = status;
-  reply.body = body;
-  return reply;
-}
 
 class ServerApiTest : public vistrel_test::DeviceTest {
  protected:
@@ -35,7 +29,7 @@ class ServerApiTest : public vistrel_test::DeviceTest {
 };
 
 TEST_F(ServerApiTest, AccountCallsSendFieldsInOrderAndKeepTheSession) {
-  shop_.Set("/ws//login", Json(ShopOk(R"({"sessionID": "abc"})")));
+  shop_.Set("/ws//login", Answer(ShopOk(R"({"sessionID": "abc"})")));
   EXPECT_EQ(api_.LogIn("anna@example.org", "p&ss=word ü").code_, ServerApi::kOk);
   EXPECT_EQ(api_.session_id_, "abc");
   api_.Register("b@example.org", "pw");
@@ -64,7 +58,7 @@ TEST_F(ServerApiTest, AnswersOtherThanASessionAreNotLogged) {
                {200, "<html>maintenance</html>", ServerApi::kOk, "", ""},
                {200, "{}", ServerApi::kOk, "", ""}};
   for (const auto& c : cases) {
-    Reply reply = Json(c.body, c.status);
+    Reply reply = Answer(c.body, c.status);
     reply.headers = {{"Location", shop_.base_url() + "/elsewhere"}};
     shop_.Set("/ws//registerUser", reply);
     api_.session_id_ = "old";
@@ -82,7 +76,7 @@ TEST_F(ServerApiTest, LogOutSendsTheSessionAndForgetsItOnlyOnSuccess) {
   api_.session_id_ = "s-1";
   EXPECT_EQ(api_.LogOut().code_, ServerApi::kFailed);  // unscripted: 404
   EXPECT_EQ(api_.session_id_, "s-1");
-  shop_.Set("/ws//logout", Json(ShopOk("{}")));
+  shop_.Set("/ws//logout", Answer(ShopOk("{}")));
   EXPECT_EQ(api_.LogOut().code_, ServerApi::kOk);
   EXPECT_EQ(api_.session_id_, "");
   EXPECT_EQ(shop_.requests("/ws//logout")[1].form,
@@ -91,12 +85,12 @@ TEST_F(ServerApiTest, LogOutSendsTheSessionAndForgetsItOnlyOnSuccess) {
 
 TEST_F(ServerApiTest, ClosedStalledAndDroppedAnswersAreLoggedTransferFailures) {
   norbel::utilities::testing::SetRequestTimeLimitOverride(std::chrono::milliseconds(300));
-  Reply stalled = Json(ShopOk(R"({"sessionID": "late"})"));
+  Reply stalled = Answer(ShopOk(R"({"sessionID": "late"})"));
   stalled.delay = std::chrono::milliseconds(1500);
   shop_.Set("/ws//login", stalled);
   EXPECT_EQ(api_.LogIn("a", "b").code_, ServerApi::kFailed);
   norbel::utilities::testing::SetRequestTimeLimitOverride(std::chrono::milliseconds(0));
-  Reply dropped = Json(ShopOk(R"({"sessionID": "half"})"));
+  Reply dropped = Answer(ShopOk(R"({"sessionID": "half"})"));
   dropped.drop_mid_body = true;
   shop_.Set("/ws//login", dropped);
   EXPECT_EQ(api_.LogIn("a", "b").code_, ServerApi::kFailed);
@@ -117,12 +111,12 @@ TEST_F(ServerApiTest, ClosedStalledAndDroppedAnswersAreLoggedTransferFailures) {
 }
 
 TEST_F(ServerApiTest, AnswerThatIsNeitherObjectNorNullRaisesTheJsonError) {
-  shop_.Set("/ws//login", Json("[1, 2]"));
+  shop_.Set("/ws//login", Answer("[1, 2]"));
   EXPECT_THROW(api_.LogIn("a", "b"), Json::LogicError);
 }
 
 TEST_F(ServerApiTest, CallSwitchboardConvertsByTypeAndTrims) {
-  shop_.Set("/c/SN-1", Json(R"({"clientID": 42, "clientName": true, "clientAddress": 1.5,
+  shop_.Set("/c/SN-1", Answer(R"({"clientID": 42, "clientName": true, "clientAddress": 1.5,
       "clientOPDSCatalogUrl": " \thttp://opds.example/\r\n ", "error": true})"));
   auto [result, config] = api_.CallSwitchboard(shop_.base_url() + "/c/SN-1");
   EXPECT_EQ(result.code_, ServerApi::kOk);
@@ -134,7 +128,7 @@ TEST_F(ServerApiTest, CallSwitchboardConvertsByTypeAndTrims) {
   EXPECT_EQ(json.size(), 14u);
   EXPECT_EQ(SwitchboardConfig::Parse(json).ToJson(), json);
 
-  shop_.Set("/c/empty", Json(""));
+  shop_.Set("/c/empty", Answer(""));
   auto [empty_result, empty] = api_.CallSwitchboard(shop_.base_url() + "/c/empty");
   EXPECT_EQ(empty_result.code_, ServerApi::kOk);
   EXPECT_EQ(empty.ToJson(), SwitchboardConfig().ToJson());

@@ -10,16 +10,9 @@ namespace {
 
 using norbel::vistrel::Book;
 using norbel::vistrel::ServerApi;
-using vistrel_test::Reply;
+using vistrel_test::Answer;
 using vistrel_test::ShopOk;
 using Pairs = std::vector<std::pair<std::string, std::string>>;
-
-Reply Answer(const std::string& body, int status = 200) {
-  Reply reply;
-  reply.status = status;
-  reply.body = body;
-  return reply;
-}
 
 class ShopCallsTest : public vistrel_test::DeviceTest {
  protected:

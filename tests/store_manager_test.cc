@@ -16,18 +16,10 @@ using norbel::vistrel::Book;
 using norbel::vistrel::Cart;
 using norbel::vistrel::ServerApi;
 using norbel::vistrel::StoreManager;
-using vistrel_test::Reply;
+using vistrel_test::Answer;
 using vistrel_test::ShopOk;
 
 constexpr char kCachePath[] = "/mnt/ext1/system/config/switchboard.json";
-
-Reply Body(const std::string& body, int status = 200, const char* type = "application/json") {
-  Reply reply;
-  reply.status = status;
-  reply.body = body;
-  reply.content_type = type;
-  return reply;
-}
 
 Book BookWithEan(const std::string& ean) {
   Book book;
@@ -52,8 +44,8 @@ TEST_F(StoreManagerTest, ColdStartFetchesCachesAndInstallsTheStandbyPicture) {
   unsigned char pixels[12] = {};
   ibitmap picture{2, 2, 24, 6, pixels};
   ASSERT_EQ(SaveBitmap("/tmp/served.bmp", &picture), 1);
-  server_.Set("/standby.bmp", Body(ReadDeviceFile("/tmp/served.bmp"), 200, "image/bmp"));
-  server_.Set(ConfigPath(), Body(ConfigJson(ShopUrl(), server_.base_url() + "/standby.bmp")));
+  server_.Set("/standby.bmp", Answer(ReadDeviceFile("/tmp/served.bmp"), 200, "image/bmp"));
+  server_.Set(ConfigPath(), Answer(ConfigJson(ShopUrl(), server_.base_url() + "/standby.bmp")));
 
   int before = Now();
   EXPECT_EQ(store_->Init(), 0);
@@ -79,7 +71,7 @@ TEST_P(ConfigurationAgeTest, DecidesBetweenCacheAndFetch) {
 INSTANTIATE_TEST_SUITE_P(Ages, ConfigurationAgeTest, ::testing::Values(1800, 1801, -3600));
 
 TEST_F(StoreManagerTest, AFreshConfigurationWithoutShopAddressFailsWithMinus7) {
-  server_.Set(ConfigPath(), Body(ConfigJson("")));
+  server_.Set(ConfigPath(), Answer(ConfigJson("")));
   EXPECT_EQ(store_->Init(), -7);
   EXPECT_EQ(ConfigInt("switchboard_update_time"), 0);
 }
@@ -87,26 +79,26 @@ TEST_F(StoreManagerTest, AFreshConfigurationWithoutShopAddressFailsWithMinus7) {
 TEST_F(StoreManagerTest, AnUnparsableCacheIsFetchedAndNotCheckedForTheAddress) {
   WriteDeviceFile(kCachePath, "{ not json");
   StoreConfigInt("switchboard_update_time", Now() - 10);
-  server_.Set(ConfigPath(), Body(ConfigJson("")));
+  server_.Set(ConfigPath(), Answer(ConfigJson("")));
   EXPECT_EQ(store_->Init(), 0);
   EXPECT_EQ(ConfigFetches(), 1u);
 }
 
 TEST_F(StoreManagerTest, ADownServerFailsStartUpAndNoSerialAsksTheBaseAlone) {
-  server_.Set(ConfigPath(), Body("", 503));
+  server_.Set(ConfigPath(), Answer("", 503));
   StoreConfigInt("switchboard_update_time", 12345);
   EXPECT_EQ(store_->Init(), -1);
   EXPECT_EQ(ConfigInt("switchboard_update_time"), 12345);  // the next start asks again
 
   unsetenv("VISTREL_SERIAL_NUMBER");
-  server_.Set("/norbel/config/", Body(ConfigJson(ShopUrl())));
+  server_.Set("/norbel/config/", Answer(ConfigJson(ShopUrl())));
   EXPECT_EQ(store_->Init(), 0);
   EXPECT_EQ(server_.requests("/norbel/config/").size(), 1u);
 }
 
 TEST_F(StoreManagerTest, AFailedFetchEmptiesTheConfigurationButNotTheClients) {
   ASSERT_EQ(store_->Init(), 0);
-  server_.Set(ConfigPath(), Body("", 500));
+  server_.Set(ConfigPath(), Answer("", 500));
   EXPECT_EQ(store_->ConfigFromServer(), -1);
   EXPECT_EQ(store_->GetShopName(), "");
   server_.ClearRequests();
@@ -127,7 +119,7 @@ TEST_F(StoreManagerTest, AStoredSessionIsRestoredWithoutLoggingIn) {
 TEST_F(StoreManagerTest, WithoutSessionTheStoredCredentialsLogInAgain) {
   StoreConfigValue("user_name", "anna@example.org");
   StoreConfigSecret("password", "secret");
-  server_.Set("/ws/shop/login", Body(ShopOk(R"({"sessionID": "renewed"})")));
+  server_.Set("/ws/shop/login", Answer(ShopOk(R"({"sessionID": "renewed"})")));
   EXPECT_EQ(store_->Init(), 0);
   EXPECT_TRUE(store_->IsLoggedIn());
   EXPECT_EQ(server_.requests("/ws/shop/login").at(0).Field("password"), "secret");
@@ -143,7 +135,7 @@ TEST_F(StoreManagerTest, AnEmptyStoredPasswordDoesNotContactTheShop) {
 
 TEST_F(StoreManagerTest, LogInStoresTheSessionAndItSurvivesLogOut) {
   ASSERT_EQ(store_->Init(), 0);
-  server_.Set("/ws/shop/login", Body(ShopOk(R"({"sessionID": "s-42"})")));
+  server_.Set("/ws/shop/login", Answer(ShopOk(R"({"sessionID": "s-42"})")));
   EXPECT_EQ(store_->LogIn("anna@example.org", "good").code_, ServerApi::kOk);
   EXPECT_EQ(ConfigValue("session_id"), "s-42");
 
@@ -161,7 +153,7 @@ TEST_F(StoreManagerTest, LogInWithAnUnopenableConfigurationSucceedsWithoutTheSho
   std::string path = HostPath("/mnt/ext1/system/config/vistrel_config.cfg");
   ASSERT_EQ(std::remove(path.c_str()), 0);
   ASSERT_EQ(mkdir(path.c_str(), 0755), 0);  // a folder where the file should be
-  server_.Set("/ws/shop/login", Body(ShopOk(R"({"sessionID": "x"})")));
+  server_.Set("/ws/shop/login", Answer(ShopOk(R"({"sessionID": "x"})")));
   EXPECT_EQ(store_->LogIn("anna@example.org", "pw").code_, ServerApi::kOk);
   EXPECT_FALSE(store_->IsLoggedIn());
   EXPECT_TRUE(server_.requests("/ws/shop/login").empty());

@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -67,8 +66,7 @@ TEST_F(VistrelCliTest, DemoBuysAndDeliversValidBooks) {
                                        : vistrel_test::EpubProblem(content))
         << name;
   }
-  EXPECT_EQ(
-      3, std::distance(std::filesystem::directory_iterator(HostPath("/mnt/ext1/Downloads")), {}));
+  EXPECT_EQ(3u, DeviceFolderEntries("/mnt/ext1/Downloads"));
 }
 
 TEST_F(VistrelCliTest, ASessionCarriesAcrossCommands) {

@@ -51,6 +51,11 @@ bool DeviceTest::DeviceFileExists(const std::string& device_path) const {
   return std::filesystem::exists(HostPath(device_path));
 }
 
+size_t DeviceTest::DeviceFolderEntries(const std::string& device_folder) const {
+  std::error_code error;
+  return std::distance(std::filesystem::directory_iterator(HostPath(device_folder), error), {});
+}
+
 std::vector<Event> DeviceTest::Events() const {
   std::vector<Event> events;
   std::ifstream in(log_file_);

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,8 @@ class DeviceTest : public ::testing::Test {
   void WriteDeviceFile(const std::string& device_path, const std::string& content) const;
   std::string ReadDeviceFile(const std::string& device_path) const;
   bool DeviceFileExists(const std::string& device_path) const;
+  // The number of entries of a device folder; 0 when it does not exist.
+  size_t DeviceFolderEntries(const std::string& device_folder) const;
 
   // Every event logged so far.
   std::vector<Event> Events() const;

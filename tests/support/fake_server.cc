@@ -73,6 +73,20 @@ std::string RecordedRequest::Field(const std::string& name) const {
   return std::string();
 }
 
+Reply Answer(const std::string& body, int status, const std::string& content_type) {
+  Reply reply;
+  reply.status = status;
+  reply.body = body;
+  reply.content_type = content_type;
+  return reply;
+}
+
+Reply Redirect(int status, const std::string& location, const std::string& body) {
+  Reply reply = Answer(body, status);
+  reply.headers = {{"Location", location}};
+  return reply;
+}
+
 std::string ShopOk(const std::string& response_json) {
   return "{\"error\": false, \"response\": " + response_json + "}";
 }

@@ -50,6 +50,12 @@ struct Reply {
 // repeated or shifted data shows.
 unsigned char GeneratedByte(uint64_t offset);
 
+// A reply of `body` with `status` and `content_type`.
+Reply Answer(const std::string& body, int status = 200,
+             const std::string& content_type = "application/json");
+// A `status` reply (a redirect when 3xx) whose Location is `location`.
+Reply Redirect(int status, const std::string& location, const std::string& body = "");
+
 // {"error": false, "response": <response>} as the shop answers.
 std::string ShopOk(const std::string& response_json);
 // {"error": true, "response": {"errorMsg": <message>}}.
