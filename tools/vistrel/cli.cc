@@ -8,6 +8,7 @@
 namespace vistrel_cli {
 
 using norbel::vistrel::Book;
+using norbel::vistrel::ServerApi;
 using norbel::vistrel::StoreManager;
 
 int Fail(int code, const std::string& text) {
@@ -112,6 +113,35 @@ std::string FormatCents(int64_t cents) {
   std::snprintf(text, sizeof text, "%lld,%02lld EUR", static_cast<long long>(cents / 100),
                 static_cast<long long>(cents % 100));
   return text;
+}
+
+int ReportRefusal(const std::string& what, const ServerApi::Result& result) {
+  if (result.message_.empty()) {
+    return Fail(kExitUnreachable,
+                what + " failed: the shop did not answer (" + SwitchboardForMessages() + ")");
+  }
+  return Fail(kExitFailed, what + " refused: " + result.message_);
+}
+
+int Usage(const std::string& problem) { return Fail(kExitUsage, problem + " (see --help)"); }
+
+StoreManager* StartLoggedIn(int* exit_code) {
+  StoreManager* store = StartStore(exit_code);
+  if (store != nullptr && !store->IsLoggedIn()) {
+    *exit_code = Fail(kExitNotLoggedIn, "not logged in (run vistrel login or vistrel register)");
+    return nullptr;
+  }
+  return store;
+}
+
+void PrintCart(StoreManager* store) {
+  const auto& cart = store->cart();
+  for (const Book& book : cart.items()) {
+    std::printf("%-14s %10s  %s [%s]\n", Prop(book, Book::Ean).c_str(),
+                FormatCents(IntProp(book, Book::Price)).c_str(), Describe(book).c_str(),
+                Prop(book, Book::EbookType).c_str());
+  }
+  std::printf("%u books, total %s\n", cart.GetSize(), cart.GetTotalPriceFormatted().c_str());
 }
 
 }  // namespace vistrel_cli

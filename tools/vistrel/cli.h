@@ -38,10 +38,20 @@ struct Args {
 bool ParseArgs(const std::vector<std::string>& words, const std::vector<std::string>& known,
                const std::vector<std::string>& flags, Args* args, std::string* error);
 
+// Reports a failed shop call: a refusal carries the shop's text (exit 1); a failure without
+// one means the shop did not answer (exit 3).
+int ReportRefusal(const std::string& what, const norbel::vistrel::ServerApi::Result& result);
+
+// A usage error: "<problem> (see --help)", exit 2.
+int Usage(const std::string& problem);
+
 // Prepares the emulated device (and its event log, when none was named) and runs
 // StoreManager::Init(). On failure returns null and
 // sets *exit_code after reporting the error.
 norbel::vistrel::StoreManager* StartStore(int* exit_code);
+
+// StartStore, then fails with exit 4 when there is no session.
+norbel::vistrel::StoreManager* StartLoggedIn(int* exit_code);
 
 // The switchboard address in use, for messages.
 std::string SwitchboardForMessages();
@@ -53,6 +63,8 @@ int64_t IntProp(const norbel::vistrel::Book& book, norbel::vistrel::Book::IntPro
 std::string Describe(const norbel::vistrel::Book& book);
 // "in cart", "downloaded", ...
 std::string StateName(int state);
+// Lists the cart's lines and its total on stdout.
+void PrintCart(norbel::vistrel::StoreManager* store);
 // "4,99 EUR"
 std::string FormatCents(int64_t cents);
 

@@ -28,7 +28,21 @@ norbel::vistrel::BookStatus DownloadWithProgress(norbel::vistrel::StoreManager* 
                                                  const norbel::vistrel::Book& book,
                                                  std::vector<int>* seen = nullptr);
 
-int RunDemo(const std::vector<std::string>& words);
+// One function per command, in a file per group of commands.
+using Words = std::vector<std::string>;
+int RunInit(const Words& words);  // account_commands.cc
+int RunRegister(const Words& words);
+int RunLogin(const Words& words);
+int RunLogout(const Words& words);
+int RunLanguages(const Words& words);
+int RunCatalog(const Words& words);  // catalog_commands.cc
+int RunCart(const Words& words);
+int RunCheckout(const Words& words);  // purchase_commands.cc
+int RunPay(const Words& words);
+int RunPurchased(const Words& words);  // download_commands.cc
+int RunDownload(const Words& words);
+int RunStatus(const Words& words);
+int RunDemo(const Words& words);  // demo_command.cc
 
 }  // namespace vistrel_cli
 
