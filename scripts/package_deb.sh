@@ -25,7 +25,7 @@ case $arch in
     exit 2
     ;;
 esac
-scripts/install_deps.sh dpkg-dev fakeroot file lintian >&2
+scripts/install_deps.sh >&2
 
 cmake -S . -B "$dir" "${options[@]}" >/dev/null
 cmake --build "$dir" -j"$jobs" >&2

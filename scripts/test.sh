@@ -2,7 +2,8 @@
 # Installs what is missing, builds, and runs the whole suite: as a normal build, again under
 # AddressSanitizer + UndefinedBehaviorSanitizer, the downloads under ThreadSanitizer, every fuzz
 # target for a short while, and finally the whole suite cross-built for the device's 32-bit ARM
-# under qemu-user.
+# under qemu-user. A stage in between builds the Debian packages and tries them on this system
+# (scripts/test_packages.sh; skipped without root or sudo).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install_deps.sh
@@ -22,6 +23,8 @@ run_suite() {
 
 echo "== build and test =="
 run_suite build
+echo "== Debian packages: build, lintian, install, examples against the demo shop, purge =="
+scripts/test_packages.sh
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   CTEST_ARGS="-E install_consumer" \

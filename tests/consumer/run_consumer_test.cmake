@@ -28,6 +28,19 @@ execute_process(COMMAND ${emulator} ${WORK_DIR}/build/consumer RESULT_VARIABLE r
 if(rc)
   message(FATAL_ERROR "consumer run failed: ${rc}")
 endif()
+# The examples build against the same install (they run against the demo shop in the package
+# test).
+foreach(example minimal shop_app)
+  execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/${example}
+    -B ${WORK_DIR}/${example} -DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix ${toolchain_args}
+    RESULT_VARIABLE rc OUTPUT_QUIET)
+  if(NOT rc)
+    execute_process(COMMAND ${CMAKE_COMMAND} --build ${WORK_DIR}/${example} RESULT_VARIABLE rc)
+  endif()
+  if(rc)
+    message(FATAL_ERROR "example ${example} does not build against the install: ${rc}")
+  endif()
+endforeach()
 # pkg-config must find the installed library too.
 find_program(PKG_CONFIG pkg-config)
 if(PKG_CONFIG)

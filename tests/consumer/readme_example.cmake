@@ -1,0 +1,31 @@
+# The README's section "Using the installed library" shows examples/minimal: its first cpp block
+# must be examples/minimal/main.cc and its first cmake block examples/minimal/CMakeLists.txt.
+file(READ ${SOURCE_DIR}/README.md readme)
+string(FIND "${readme}" "## Using the installed library" start)
+if(start EQUAL -1)
+  message(FATAL_ERROR "README.md has no section \"Using the installed library\"")
+endif()
+string(SUBSTRING "${readme}" ${start} -1 section)
+
+function(check_block language file)
+  string(FIND "${section}" "```${language}\n" begin)
+  if(begin EQUAL -1)
+    message(FATAL_ERROR "README.md shows no ${language} block for ${file}")
+  endif()
+  string(LENGTH "```${language}\n" fence)
+  math(EXPR begin "${begin} + ${fence}")
+  string(SUBSTRING "${section}" ${begin} -1 rest)
+  string(FIND "${rest}" "```\n" end)
+  string(SUBSTRING "${rest}" 0 ${end} shown)
+  file(READ ${SOURCE_DIR}/${file} actual)
+  if(NOT shown STREQUAL actual)
+    file(WRITE ${WORK_DIR}/readme_${language}.txt "${shown}")
+    message(FATAL_ERROR "README.md's ${language} block differs from ${file} "
+                        "(README's copy: ${WORK_DIR}/readme_${language}.txt)")
+  endif()
+endfunction()
+
+file(MAKE_DIRECTORY ${WORK_DIR})
+check_block(cpp examples/minimal/main.cc)
+check_block(cmake examples/minimal/CMakeLists.txt)
+message(STATUS "README shows examples/minimal as it is")
