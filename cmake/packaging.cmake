@@ -53,7 +53,6 @@ endif()
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvistrel-store0)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_MULTIARCH same)
 # A shlibs file for packages built against ours, and ldconfig run through its trigger.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
@@ -70,7 +69,6 @@ host emulation of the device.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libvistrel-store-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_MULTIARCH same)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
     "libjsoncpp-dev, libboost-dev (>= 1.74), libcurl4-openssl-dev | libcurl-dev, libexpat1-dev")
 set(CPACK_COMPONENT_DEV_DEPENDS runtime)
@@ -93,11 +91,17 @@ interface.")
 set(VISTREL_DEB_DOC_DIR ${PROJECT_BINARY_DIR}/deb-doc)
 file(MAKE_DIRECTORY ${VISTREL_DEB_DOC_DIR})
 find_program(VISTREL_GZIP gzip)
+# The changelog's date is the last commit's, so that the packages of every architecture built
+# from one tree carry the same file (Multi-Arch: same requires it).
+execute_process(COMMAND git log -1 --format=%cD WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+  OUTPUT_VARIABLE VISTREL_DEB_DATE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+if(NOT VISTREL_DEB_DATE)
+  string(TIMESTAMP VISTREL_DEB_DATE "%a, %d %b %Y 00:00:00 +0000" UTC)
+endif()
 foreach(component ${VISTREL_DEB_COMPONENTS})
   string(TOUPPER ${component} upper)
   set(package ${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
   set(VISTREL_DEB_PACKAGE ${package})
-  string(TIMESTAMP VISTREL_DEB_DATE "%a, %d %b %Y 00:00:00 +0000" UTC)
   configure_file(${PROJECT_SOURCE_DIR}/packaging/changelog.in
                  ${VISTREL_DEB_DOC_DIR}/${package}/changelog.Debian @ONLY)
   if(VISTREL_GZIP)
@@ -110,6 +114,9 @@ foreach(component ${VISTREL_DEB_COMPONENTS})
 endforeach()
 
 if(CMAKE_CROSSCOMPILING)
+  # The packages' architecture is the target's, not the build machine's.
+  execute_process(COMMAND dpkg-architecture -t${CMAKE_LIBRARY_ARCHITECTURE} -qDEB_HOST_ARCH
+    OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
   # dpkg-shlibdeps reads debian/shlibs.local from the package's staging folder; the file is
   # removed again before the package is made.
   set(shlibs_local)
@@ -127,10 +134,15 @@ if(CMAKE_CROSSCOMPILING)
     endforeach()
   endforeach()
   file(WRITE ${PROJECT_BINARY_DIR}/deb-doc/shlibs.local "${shlibs_local}")
-  foreach(component ${VISTREL_DEB_COMPONENTS})
+  # Only the packages with programs or libraries run dpkg-shlibdeps (and remove the file).
+  set(binary_components ${VISTREL_DEB_COMPONENTS})
+  list(REMOVE_ITEM binary_components dev)
+  foreach(component ${binary_components})
     install(FILES ${PROJECT_BINARY_DIR}/deb-doc/shlibs.local DESTINATION /debian
             COMPONENT ${component} EXCLUDE_FROM_ALL)
   endforeach()
 endif()
+
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/deb_compress_manuals.cmake)
 
 include(CPack)

@@ -18,7 +18,8 @@ case $arch in
     sysroot=$(scripts/arm_sysroot.sh)
     # The device runs the library, not the host tools.
     options+=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/armhf.cmake"
-      -DVISTREL_ARMHF_SYSROOT="$sysroot" -DVISTREL_BUILD_TOOLS=OFF)
+      -DVISTREL_ARMHF_SYSROOT="$sysroot" -DVISTREL_BUILD_TOOLS=OFF
+      -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf) # GNUInstallDirs leaves it out when crossing
     ;;
   *)
     echo "package_deb: unknown architecture $arch (native or armhf)" >&2
@@ -37,6 +38,20 @@ debs=("$PWD/$dir"/packages/*.deb)
   echo "package_deb: cpack made no packages" >&2
   exit 1
 }
+
+# CPack (3.25) cannot write Multi-Arch: the libraries and their development files are
+# "Multi-Arch: same", so that the armhf ones install beside the amd64 ones for cross builds.
+for deb in "${debs[@]}"; do
+  case ${deb##*/} in
+    libvistrel-store0_* | libvistrel-store-dev_*)
+      tree=$(mktemp -d)
+      dpkg-deb -R "$deb" "$tree"
+      sed -i '/^Multi-Arch:/d; /^Architecture:/a Multi-Arch: same' "$tree/DEBIAN/control"
+      dpkg-deb --root-owner-group -Zxz -b "$tree" "$deb" >/dev/null
+      rm -rf "$tree"
+      ;;
+  esac
+done
 
 # lintian: errors fail the build; warnings are shown.
 report=$(lintian --tag-display-limit 0 "${debs[@]}" 2>&1 | grep -v 'root privileges' || true)

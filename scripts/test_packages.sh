@@ -148,11 +148,24 @@ if [ "${VISTREL_SKIP_ARMHF_PACKAGES:-0}" != 1 ]; then
   for deb in "${arm_debs[@]}"; do
     echo "${deb##*/}: $(dpkg-deb -f "$deb" Depends)"
   done
-  lib=$(mktemp -d "$work/arm-XXXXXX")
-  dpkg-deb -x "$(printf '%s\n' "${arm_debs[@]}" | grep '/libvistrel-store0_')" "$lib"
-  file -L "$lib"/usr/lib/arm-linux-gnueabihf/libvistrel_store.so.0 | grep -q "ARM, EABI5" || {
+  # Multi-Arch: same: the files that both architectures' packages hold must be the same.
+  mkdir -p "$work/amd64" "$work/armhf"
+  for deb in "${debs[@]}"; do
+    case ${deb##*/} in libvistrel-store0_* | libvistrel-store-dev_*) dpkg-deb -x "$deb" "$work/amd64" ;; esac
+  done
+  for deb in "${arm_debs[@]}"; do dpkg-deb -x "$deb" "$work/armhf"; done
+  file -L "$work/armhf/usr/lib/arm-linux-gnueabihf/libvistrel_store.so.0" | grep -q "ARM, EABI5" || {
     echo "test_packages: the armhf package does not hold an ARM library" >&2
     exit 1
   }
+  shared=0
+  while IFS= read -r f; do
+    shared=$((shared + 1))
+    cmp -s "$work/amd64/$f" "$work/armhf/$f" || {
+      echo "test_packages: $f differs between amd64 and armhf" >&2
+      exit 1
+    }
+  done < <(comm -12 <(cd "$work/amd64" && find . -type f | sort) <(cd "$work/armhf" && find . -type f | sort))
+  echo "armhf: ARM library; the $shared files shared with amd64 are the same"
 fi
 echo "test_packages: done in ${SECONDS} s"

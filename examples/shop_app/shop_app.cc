@@ -117,8 +117,9 @@ int SignIn(StoreManager* store, const Options& options) {
                                  ? store->Register(options.email, options.password)
                                  : store->LogIn(options.email, options.password);
   if (result.code_ != ServerApi::kOk) {
-    return Fail("login refused: " +
-                (result.message_.empty() ? std::string("the shop did not answer") : result.message_));
+    return Fail("login refused: " + (result.message_.empty()
+                                         ? std::string("the shop did not answer")
+                                         : result.message_));
   }
   std::printf("[login] %s as %s\n", options.register_account ? "registered" : "logged in",
               options.email.c_str());
