@@ -116,6 +116,16 @@ book=$("$work/pc-minimal" "$switchboard" "$work/device-b" pc@vistrel.example sec
   exit 1
 }
 echo "minimal (pkg-config): $book"
+# Start-up without a configuration server: Init() fails and the screen says why.
+if "$work/pc-shop_app" --switchboard-url http://127.0.0.1:1/norbel/config/ \
+  --device-root "$work/device-c" 9783980000109 2>"$work/unreachable.txt"; then
+  echo "test_packages: shop_app started without a configuration server" >&2
+  exit 1
+fi
+grep -q "no shop configuration" "$work/unreachable.txt" || {
+  cat "$work/unreachable.txt" >&2
+  exit 1
+}
 
 echo "== API reference =="
 cmake --build build-deb --target api_docs
