@@ -1,11 +1,13 @@
-# The HTML API reference of the exported headers: cmake --build <build> --target api_docs writes
-# <build>/docs/api/html/index.html. Any Doxygen warning fails the target.
+# The HTML API reference of the exported headers, the library's and the platform's:
+# cmake --build <build> --target api_docs writes <build>/docs/api/html/index.html. Any Doxygen
+# warning fails the target.
 find_package(Doxygen QUIET)
 if(DOXYGEN_FOUND)
   set(VISTREL_API_DOCS_DIR ${PROJECT_BINARY_DIR}/docs/api)
   configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in ${PROJECT_BINARY_DIR}/docs/Doxyfile @ONLY)
   file(GLOB VISTREL_API_HEADERS CONFIGURE_DEPENDS
-       ${PROJECT_SOURCE_DIR}/vistrel_store/include/vistrel_store/*.h)
+       ${PROJECT_SOURCE_DIR}/vistrel_store/include/vistrel_store/*.h
+       ${PROJECT_SOURCE_DIR}/platform/*/include/*/*.h)
   add_custom_command(
     OUTPUT ${VISTREL_API_DOCS_DIR}/html/index.html
     COMMAND ${CMAKE_COMMAND} -E remove_directory ${VISTREL_API_DOCS_DIR}/html
