@@ -47,7 +47,11 @@ if(PKG_CONFIG)
   if(PKG_CONFIG_LIBDIR)
     set(ENV{PKG_CONFIG_LIBDIR} "${PKG_CONFIG_LIBDIR}")
   endif()
-  set(ENV{PKG_CONFIG_PATH} "${WORK_DIR}/prefix/lib/pkgconfig:${WORK_DIR}/prefix/lib/x86_64-linux-gnu/pkgconfig")
+  # The library folder is lib, lib64 or lib/<multiarch>: wherever the .pc file went.
+  file(GLOB_RECURSE pc_file ${WORK_DIR}/prefix/*/vistrel_store.pc)
+  get_filename_component(pc_dir "${pc_file}" DIRECTORY)
+  get_filename_component(lib_dir "${pc_dir}" DIRECTORY)
+  set(ENV{PKG_CONFIG_PATH} "${pc_dir}")
   execute_process(COMMAND ${PKG_CONFIG} --cflags --libs vistrel_store RESULT_VARIABLE rc
     OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE)
   if(rc)
@@ -61,7 +65,7 @@ if(PKG_CONFIG)
     if(rc)
       message(FATAL_ERROR "consumer build with pkg-config flags failed: ${rc}")
     endif()
-    execute_process(COMMAND ${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${WORK_DIR}/prefix/lib:${WORK_DIR}/prefix/lib/x86_64-linux-gnu"
+    execute_process(COMMAND ${CMAKE_COMMAND} -E env "LD_LIBRARY_PATH=${lib_dir}"
       ${WORK_DIR}/consumer_pc RESULT_VARIABLE rc)
     if(rc)
       message(FATAL_ERROR "consumer built with pkg-config flags failed to run: ${rc}")
