@@ -1,5 +1,6 @@
 # Debian packages of the build (cpack -G DEB in a build configured with
-# -DCMAKE_INSTALL_PREFIX=/usr; scripts/package_deb.sh does all of it):
+# -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_RPATH=ON; scripts/package_deb.sh does all of
+# it, and marks the two library packages "Multi-Arch: same", which CPack cannot write):
 #
 #   libvistrel-store0     runtime: libvistrel_store.so.0 and the platform libraries it needs
 #                         (libpanelkit, libnbutils, libopdsmodel, libvistrel_host)
@@ -10,7 +11,8 @@
 # "tools". Dependencies on other Debian packages come from dpkg-shlibdeps. A cross build has no
 # dpkg database of its architecture, so it hands dpkg-shlibdeps the Debian shlibs entries of the
 # system libraries it links against (the same Debian release on both architectures) and the
-# sysroot's library folders to find them in.
+# sysroot's library folders to find them in. Manual pages are compressed in the staging folder
+# (cmake/deb_compress_manuals.cmake).
 
 set(VISTREL_DEB_MAINTAINER "vistrel_store developers <maintainers@vistrel.example>"
     CACHE STRING "Maintainer field of the Debian packages")
