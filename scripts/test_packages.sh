@@ -32,8 +32,8 @@ done
 # Other work on the machine may hold dpkg's lock for a while (apt-get installing): wait for it.
 apt_wait=(-o DPkg::Lock::Timeout=600)
 dpkg_install() {
-  local i output
-  for i in $(seq 300); do
+  local output
+  for _ in $(seq 300); do
     if output=$($sudo dpkg -i "$@" 2>&1); then return 0; fi
     grep -q "lock" <<<"$output" || return 0 # unmet dependencies are left to apt-get -f install
     sleep 2
@@ -80,9 +80,9 @@ for project in examples/minimal examples/shop_app tests/consumer; do
   cmake -S "$project" -B "$work/cmake-$name" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
   cmake --build "$work/cmake-$name" >/dev/null
 done
-flags=$(pkg-config --cflags --libs vistrel_store)
-c++ -std=c++17 -Wall -Wextra -Werror examples/minimal/main.cc $flags -o "$work/pc-minimal"
-c++ -std=c++17 -Wall -Wextra -Werror examples/shop_app/*.cc $flags -o "$work/pc-shop_app"
+read -r -a flags <<<"$(pkg-config --cflags --libs vistrel_store)"
+c++ -std=c++17 -Wall -Wextra -Werror examples/minimal/main.cc "${flags[@]}" -o "$work/pc-minimal"
+c++ -std=c++17 -Wall -Wextra -Werror examples/shop_app/*.cc "${flags[@]}" -o "$work/pc-shop_app"
 # Nothing but the system's library folders may serve the programs.
 if ldd "$work/pc-shop_app" "$work/cmake-shop_app/shop_app" | grep -E "libvistrel_store|libvistrel_host" |
   grep -vE "=> (/usr)?/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/"; then
