@@ -382,9 +382,10 @@ bool PromptPassword(const std::string& prompt, std::string* password) {
   struct termios quiet = saved;
   quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
   quiet.c_lflag |= ECHONL;
+  // Echo goes off before the prompt shows, so that nothing typed after it is echoed.
+  tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
   std::fprintf(stderr, "%s", prompt.c_str());
   std::fflush(stderr);
-  tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
   const bool read = ReadLine(password);
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
   return read;
