@@ -180,6 +180,16 @@ TEST_F(VistrelClientTest, ShopDownFailingSlowOrRefusingIsNamed) {
             failing.err);
   shop_.SetFailure("/ws/shop/login", Failure::kNone);
 
+  // The shop's cart failing is not every book dropped.
+  ASSERT_EQ(0, Vistrel({"cart", "add", DemoCatalog()[1].ean}).exit_code);
+  shop_.SetFailure("/ws/shop/getCart", Failure::kHttp500);
+  Outcome checkout = Vistrel({"checkout"});
+  EXPECT_EQ(3, checkout.exit_code);
+  EXPECT_EQ("vistrel: checkout failed: POST " + shop_.base_url() +
+                "/ws/shop/getCart: HTTP status 500\n",
+            checkout.err);
+  shop_.SetFailure("/ws/shop/getCart", Failure::kNone);
+
   // Slow but in time: it works, and -v shows each exchange with its time.
   shop_.SetAnswerDelay(std::chrono::milliseconds(300));
   Outcome slow = Vistrel({"-v", "purchased"});

@@ -32,12 +32,6 @@ constexpr int kConfigMaxAgeSeconds = 1800;
 std::mutex g_exchanges_lock;
 std::vector<TransferOutcome> g_exchanges;  // since the last StartStore()
 
-bool Failed(const TransferOutcome& outcome) {
-  if (outcome.curl_code != 0 || outcome.http_code >= 500) return true;
-  // Only the shop's web service is posted to; anything but 200 there is no answer.
-  return outcome.method == "POST" && outcome.http_code != 200;
-}
-
 std::string SwitchboardInForce() {
   return vistrel_host::SwitchboardUrl(VISTREL_BUILT_IN_SWITCHBOARD_URL);
 }
@@ -188,10 +182,28 @@ void WatchExchanges(bool verbose) {
   });
 }
 
+bool Unanswered(const TransferOutcome& outcome) {
+  if (outcome.curl_code != 0 || outcome.http_code >= 500) return true;
+  // Only the shop's web service is posted to; anything but 200 there is no answer.
+  return outcome.method == "POST" && outcome.http_code != 200;
+}
+
+void ForgetExchanges() {
+  std::lock_guard<std::mutex> hold(g_exchanges_lock);
+  g_exchanges.clear();
+}
+
+int ReportUnanswered(const std::string& what) {
+  TransferOutcome failed;
+  if (!FirstFailedExchange(&failed)) return kExitOk;
+  return Fail(kExitUnreachable,
+              what + " failed: " + failed.method + " " + failed.url + ": " + failed.Describe());
+}
+
 bool FirstFailedExchange(TransferOutcome* outcome) {
   std::lock_guard<std::mutex> hold(g_exchanges_lock);
   for (const TransferOutcome& exchange : g_exchanges) {
-    if (Failed(exchange)) {
+    if (Unanswered(exchange)) {
       *outcome = exchange;
       return true;
     }
@@ -221,10 +233,7 @@ StoreManager* StartStore(int* exit_code, Need need) {
         Fail(kExitFailed, "cannot prepare the device folder " + vistrel_host::DeviceRoot());
     return nullptr;
   }
-  {
-    std::lock_guard<std::mutex> hold(g_exchanges_lock);
-    g_exchanges.clear();
-  }
+  ForgetExchanges();
   StoreManager* store = StoreManager::Instance();
   const int result = store->Init();
   const bool fetched = ConfigurationWasFetched();

@@ -71,9 +71,16 @@ std::string SwitchboardForMessages();
 // Every HTTP exchange of this process goes through here: printed on stderr when verbose,
 // remembered for StartStore's judgement.
 void WatchExchanges(bool verbose);
-// The first exchange since the last StartStore() that did not get a usable answer (transport
-// failure, or for the shop's web service a status other than 200); false when none.
+// Whether an exchange got no usable answer: a transport failure, a server error, or for the
+// shop's web service (the only address posted to) any status but 200.
+bool Unanswered(const norbel::utilities::TransferOutcome& outcome);
+// The first unanswered exchange since the last StartStore() or ForgetExchanges(); false when
+// none.
 bool FirstFailedExchange(norbel::utilities::TransferOutcome* outcome);
+void ForgetExchanges();
+// For operations that report no failure themselves (CheckOut): exit 3 naming the first
+// unanswered exchange since ForgetExchanges(), or 0 when every exchange was answered.
+int ReportUnanswered(const std::string& what);
 // Whether StartStore's Init fetched the configuration from the configuration server.
 bool ConfigurationWasFetched();
 

@@ -114,7 +114,10 @@ int RunCheckout(const std::vector<std::string>& words) {
     return Fail(kExitFailed, "the cart is empty (add books with vistrel cart add EAN)");
   }
   std::vector<Book> dropped;
+  ForgetExchanges();
   std::tie(std::ignore, dropped) = store->CheckOut();
+  // CheckOut reports no failure: a shop that did not answer would read as dropping every book.
+  if (const int unanswered = ReportUnanswered("checkout")) return unanswered;
   std::printf("the shop's cart %lld:\n", static_cast<long long>(store->cart().cart_id()));
   PrintCart(store);
   if (!dropped.empty()) return ReportDropped(dropped, "checkout incomplete");
@@ -146,10 +149,12 @@ int RunPay(const std::vector<std::string>& words) {
   }
   // The shop's cart id is held in memory only, so the cart is checked out again here.
   std::vector<Book> dropped;
+  ForgetExchanges();
   std::tie(std::ignore, dropped) = store->CheckOut();
+  if (const int unanswered = ReportUnanswered("checkout")) return unanswered;
   if (!dropped.empty()) return ReportDropped(dropped, "nothing was paid");
   if (store->cart().GetSize() == 0) {
-    return ReportRefusal("checkout", ServerApi::Result(ServerApi::kFailed));
+    return Fail(kExitFailed, "the shop's cart is empty; nothing was paid");
   }
   // What the shop's cart holds is what will be charged, whatever the local cart said.
   std::printf("the shop's cart:\n");
@@ -161,11 +166,11 @@ int RunPay(const std::vector<std::string>& words) {
   }
   std::printf("paying %s in the browser...\n", total.c_str());
   std::fflush(stdout);
+  ForgetExchanges();
   ServerApi::Result result = store->StartPayment();
   if (result.code_ != ServerApi::kOk) {
     if (!result.message_.empty()) return ReportRefusal("payment", result);
-    const norbel::utilities::TransferOutcome last = norbel::utilities::LastTransferOutcome();
-    if (!last.ok() && !last.url.empty()) return ReportRefusal("payment", result);
+    if (const int unanswered = ReportUnanswered("payment")) return unanswered;
     return Fail(kExitFailed, "payment failed: the payment was not completed");
   }
   const auto& payment = store->payment_data();
