@@ -25,8 +25,8 @@ int ClosedPort() {
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
-  bind(fd, reinterpret_cast<sockaddr*>(&address), length);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), length));
+  EXPECT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length));
   close(fd);
   return ntohs(address.sin_port);
 }

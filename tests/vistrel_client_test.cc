@@ -19,6 +19,7 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "demo_catalog.h"
@@ -64,12 +65,17 @@ class VistrelClientTest : public vistrel_test::DeviceTest {
     std::vector<std::string> env;
     for (char** entry = environ; *entry != nullptr; ++entry) {
       if (std::strncmp(*entry, "VISTREL_", 8) != 0 &&
-          std::strncmp(*entry, "XDG_CONFIG_HOME=", 16)) {
+          std::strncmp(*entry, "XDG_CONFIG_HOME=", 16) != 0) {
         env.push_back(*entry);
       }
     }
     env.push_back("XDG_CONFIG_HOME=" + xdg_);
-    for (const auto& [name, value] : extra) env.push_back(name + "=" + value);
+    for (const auto& [name, value] : extra) {
+      std::string variable = name;
+      variable += '=';
+      variable += value;
+      env.push_back(std::move(variable));
+    }
     return env;
   }
 
@@ -79,10 +85,12 @@ class VistrelClientTest : public vistrel_test::DeviceTest {
               const std::string& input, int terminal) {
     args.insert(args.begin(), VISTREL_CLI);
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (std::string& arg : args) argv.push_back(&arg[0]);
     argv.push_back(nullptr);
     std::vector<std::string> variables = Environment(env);
     std::vector<char*> envp;
+    envp.reserve(variables.size() + 1);
     for (std::string& variable : variables) envp.push_back(&variable[0]);
     envp.push_back(nullptr);
 
@@ -114,7 +122,7 @@ class VistrelClientTest : public vistrel_test::DeviceTest {
   Outcome Run(std::vector<std::string> args, const std::string& input = "",
               const std::map<std::string, std::string>& env = {}) {
     Outcome outcome;
-    outcome.exit_code = Wait(Spawn(args, env, input, -1));
+    outcome.exit_code = Wait(Spawn(std::move(args), env, input, -1));
     outcome.out = ReadFile(work_dir_ + "/stdout");
     outcome.err = ReadFile(work_dir_ + "/stderr");
     return outcome;
@@ -185,9 +193,9 @@ TEST_F(VistrelClientTest, ShopDownFailingSlowOrRefusingIsNamed) {
   shop_.SetFailure("/ws/shop/getCart", Failure::kHttp500);
   Outcome checkout = Vistrel({"checkout"});
   EXPECT_EQ(3, checkout.exit_code);
-  EXPECT_EQ("vistrel: checkout failed: POST " + shop_.base_url() +
-                "/ws/shop/getCart: HTTP status 500\n",
-            checkout.err);
+  EXPECT_EQ(
+      "vistrel: checkout failed: POST " + shop_.base_url() + "/ws/shop/getCart: HTTP status 500\n",
+      checkout.err);
   shop_.SetFailure("/ws/shop/getCart", Failure::kNone);
 
   // Slow but in time: it works, and -v shows each exchange with its time.

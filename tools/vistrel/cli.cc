@@ -359,9 +359,10 @@ int RefuseIfPurchased(StoreManager* store, const std::string& ean, bool force) {
       Warn("already purchased: " + ean + " (" + Describe(book) + "); adding it again");
       return 0;
     }
-    return Fail(kExitFailed, "already purchased: " + ean + " (" + Describe(book) +
-                                 "); vistrel download " + ean +
-                                 " fetches it, --force adds it to buy it again");
+    std::string text = "already purchased: " + ean;
+    text += " (" + Describe(book) + "); vistrel download " + ean;
+    text += " fetches it, --force adds it to buy it again";
+    return Fail(kExitFailed, text);
   }
   return 0;
 }

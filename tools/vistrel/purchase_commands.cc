@@ -13,7 +13,6 @@
 namespace vistrel_cli {
 
 using norbel::vistrel::Book;
-using norbel::vistrel::BookStatus;
 using norbel::vistrel::ServerApi;
 using norbel::vistrel::StoreManager;
 
@@ -74,10 +73,10 @@ bool ParseTimeout(const Args& args, int64_t* seconds) {
 int ReportDropped(const std::vector<Book>& dropped, const std::string& consequence) {
   for (const Book& book : dropped) {
     const std::string ean = Prop(book, Book::Ean);
-    Fail(kExitFailed, "the shop dropped " + ean + " (" + Describe(book) +
-                          ") from the cart: it is not for sale; remove it with vistrel cart "
-                          "remove " +
-                          ean);
+    std::string text = "the shop dropped " + ean;
+    text += " (" + Describe(book) + ") from the cart: it is not for sale; remove it with ";
+    text += "vistrel cart remove " + ean;
+    Fail(kExitFailed, text);
   }
   return Fail(kExitFailed, consequence);
 }

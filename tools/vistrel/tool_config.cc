@@ -86,8 +86,10 @@ bool ApplySettings(const std::map<std::string, std::string>& flags, std::string*
     const Setting* setting = FindSetting(key);
     if (setting == nullptr) {
       const std::string guess = Closest(key, keys);
-      Warn(where + ": unknown key " + key +
-           (guess.empty() ? "" : " (did you mean " + guess + "?)"));
+      std::string text = where;
+      text += ": unknown key " + key;
+      if (!guess.empty()) text += " (did you mean " + guess + "?)";
+      Warn(text);
       continue;
     }
     if (g_sources.count(key) != 0 && g_sources[key].compare(0, path.size(), path) != 0) {

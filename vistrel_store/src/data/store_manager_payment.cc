@@ -51,7 +51,7 @@ bool AllLinksReady(const std::vector<Book>& books) {
 
 // The order kept on the device while its delivery is awaited.
 constexpr char kPendingOrderPath[] = "/mnt/ext1/system/config/vistrel_pending_order";
-constexpr std::streamsize kPendingOrderMaxBytes = 16 * 1024;
+constexpr std::streamsize kPendingOrderMaxBytes = 16384;
 
 struct PendingOrder {
   StoreManager::PaymentData payment;
@@ -60,7 +60,7 @@ struct PendingOrder {
 
 bool WritePendingOrder(const PendingOrder& pending) {
   Json::Value root(Json::objectValue);
-  root["orderID"] = Json::Int64(pending.payment.order_id_);
+  root["orderID"] = static_cast<Json::Int64>(pending.payment.order_id_);
   root["token"] = pending.payment.token_;
   root["payerID"] = pending.payment.payer_id_;
   root["confirmed"] = pending.confirmed;
