@@ -24,7 +24,7 @@ int RunPurchased(const std::vector<std::string>& words) {
     std::printf("%-14s %-11s %s [%s]%s%s\n", Prop(book, Book::Ean).c_str(),
                 StateName(status.status_).c_str(), Describe(book).c_str(),
                 Prop(book, Book::EbookType).c_str(), status.path_.empty() ? "" : "  ",
-                status.path_.c_str());
+                (status.path_.empty() ? "" : WithHostPath(status.path_)).c_str());
   }
   std::printf("%s purchased\n", Count(store->purchased().size(), "book").c_str());
   return kExitOk;
