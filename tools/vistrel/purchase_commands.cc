@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -64,21 +65,23 @@ bool ParseTimeout(const Args& args, int64_t* seconds) {
   char* end = nullptr;
   const long long value = std::strtoll(text.c_str(), &end, 10);
   if (text.empty() || *end != '\0' || value < 0) return false;
-  *seconds = value;
+  *seconds = std::min<long long>(value, 100000000);  // over three years is as good as no bound
   return true;
 }
 
-// Says which books the shop dropped and how to take them out of the local cart, which still
-// holds them on the device.
+// Says in one line which books the shop dropped and how to take them out of the local cart,
+// which still holds them on the device.
 int ReportDropped(const std::vector<Book>& dropped, const std::string& consequence) {
-  for (const Book& book : dropped) {
-    const std::string ean = Prop(book, Book::Ean);
-    std::string text = "the shop dropped " + ean;
-    text += " (" + Describe(book) + ") from the cart: it is not for sale; remove it with ";
-    text += "vistrel cart remove " + ean;
-    Fail(kExitFailed, text);
+  std::string text = consequence + ": the shop dropped ";
+  for (size_t i = 0; i < dropped.size(); ++i) {
+    if (i != 0) text += i + 1 == dropped.size() ? " and " : ", ";
+    text += Prop(dropped[i], Book::Ean);
+    text += " (" + Describe(dropped[i]) + ")";
   }
-  return Fail(kExitFailed, consequence);
+  text += " from the cart, as not for sale; remove ";
+  text += dropped.size() == 1 ? "it with vistrel cart remove " + Prop(dropped[0], Book::Ean)
+                              : "each with vistrel cart remove EAN";
+  return Fail(kExitFailed, text);
 }
 
 // The outcome of a delivery wait, for pay and order.
