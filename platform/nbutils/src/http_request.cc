@@ -178,14 +178,13 @@ int HttpRequestRunner::PerformRequest(
   outcome.url = request.url();
   const auto started = std::chrono::steady_clock::now();
   bool too_large = false;
-  const int err =
-      Perform(request, http_code, body, limit, response_headers, &outcome.http_code, &too_large);
+  const int err = Perform(request, http_code, body, limit, response_headers, &outcome.http_code,
+                          &too_large, &outcome.error_text);
   outcome.curl_code = err;
   outcome.error_kind = ErrorKind(static_cast<CURLcode>(err), too_large);
   outcome.elapsed_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                            std::chrono::steady_clock::now() - started)
                            .count();
-  outcome.error_text = std::move(last_error_);
   Publish(outcome);
   return err;
 }
@@ -193,8 +192,7 @@ int HttpRequestRunner::PerformRequest(
 int HttpRequestRunner::Perform(const HttpRequest& request, long* http_code, std::vector<char>* body,
                                unsigned int limit,
                                std::vector<std::pair<std::string, std::string>>* response_headers,
-                               long* status_seen, bool* too_large) {
-  last_error_.clear();
+                               long* status_seen, bool* too_large, std::string* error_text) {
   char error_buffer[CURL_ERROR_SIZE] = {0};  // outlives the handle that writes to it
   CurlHandle curl = NewCurlHandle();
   if (!curl) return CURLE_FAILED_INIT;
@@ -254,7 +252,7 @@ int HttpRequestRunner::Perform(const HttpRequest& request, long* http_code, std:
   *status_seen = status;
   *too_large = sink.too_large;
   if (err != CURLE_OK) {
-    last_error_ = error_buffer[0] != '\0' ? error_buffer : curl_easy_strerror(err);
+    *error_text = error_buffer[0] != '\0' ? error_buffer : curl_easy_strerror(err);
     if (body) body->clear();
     return static_cast<int>(err);
   }

@@ -63,12 +63,12 @@ class HttpRequestRunner {
                      std::vector<std::pair<std::string, std::string>>* response_headers);
 
  private:
-  int Perform(const HttpRequest& request, long* http_code, std::vector<char>* body,
-              unsigned int limit,
-              std::vector<std::pair<std::string, std::string>>* response_headers, long* status_seen,
-              bool* too_large);
-
-  std::string last_error_;  // curl's text for the last failed transfer
+  // The transfer itself; also reports the status seen, whether the body outgrew the cap, and
+  // curl's text for a failure.
+  static int Perform(const HttpRequest& request, long* http_code, std::vector<char>* body,
+                     unsigned int limit,
+                     std::vector<std::pair<std::string, std::string>>* response_headers,
+                     long* status_seen, bool* too_large, std::string* error_text);
 };
 
 // What became of one transfer, for diagnostics. An addition of the host stand-in: the
