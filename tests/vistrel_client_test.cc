@@ -233,6 +233,16 @@ TEST_F(VistrelClientTest, ShopDownFailingSlowOrRefusingIsNamed) {
   EXPECT_TRUE(
       Contains(fresh.err, "cannot reach the configuration server: GET " + shop_.switchboard_url()))
       << fresh.err;
+
+  // A restarted shop has forgotten the account: init does not claim a session.
+  DemoShop restarted;
+  ASSERT_TRUE(restarted.Start(shop_.port()));
+  const Outcome init = Vistrel({"init"});
+  EXPECT_EQ(0, init.exit_code) << init.err;
+  EXPECT_TRUE(Contains(init.out,
+                       "session: the shop refused the stored credentials of "
+                       "me@example.org (run vistrel login)"))
+      << init.out;
 }
 
 TEST_F(VistrelClientTest, PasswordsFromTerminalStdinOrArguments) {
@@ -304,9 +314,10 @@ TEST_F(VistrelClientTest, PayShowsTheShopsCartAndAsks) {
   ASSERT_EQ(0, Vistrel({"cart", "add", "4000000000006", "--title", "Gone"}).exit_code);
   Outcome dropped = Vistrel({"pay", "--yes"});
   EXPECT_EQ(1, dropped.exit_code);
-  EXPECT_EQ("vistrel: nothing was paid: the shop dropped 4000000000006 ( - Gone) from the cart, "
-            "as not for sale; remove it with vistrel cart remove 4000000000006\n",
-            dropped.err);
+  EXPECT_EQ(
+      "vistrel: nothing was paid: the shop dropped 4000000000006 ( - Gone) from the cart, "
+      "as not for sale; remove it with vistrel cart remove 4000000000006\n",
+      dropped.err);
   EXPECT_EQ(0, Vistrel({"cart", "remove", "4000000000006"}).exit_code);
 }
 

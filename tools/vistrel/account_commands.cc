@@ -45,6 +45,11 @@ std::string DescribeSession(StoreManager* store) {
   const std::string user = store->getLogin();
   if (!store->getPassword().empty()) {
     if (store->NewSession(nullptr) == 0) return "logged in as " + user;
+    const norbel::utilities::TransferOutcome last = norbel::utilities::LastTransferOutcome();
+    if (Unanswered(last)) {
+      return "stored session of " + user + " (not renewed: " + last.method + " " + last.url + ": " +
+             last.Describe() + ")";
+    }
     return "the shop refused the stored credentials of " + user + " (run vistrel login)";
   }
   if (store->IsLoggedIn()) {
