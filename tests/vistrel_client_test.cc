@@ -425,12 +425,19 @@ TEST_F(VistrelClientTest, HabitsOfAUnixTool) {
   EXPECT_EQ(0, stale.exit_code) << stale.err;
   EXPECT_TRUE(Contains(stale.err, "init --refresh")) << stale.err;
   EXPECT_TRUE(Contains(stale.out, "web service: " + shop_.base_url())) << stale.out;
-  Outcome refreshed = Run({"--device-root", device_root_, "--switchboard-url",
-                           second.switchboard_url(), "--log-file", log_file_, "init", "--refresh"});
+  // Fetched once, and the standby picture installed once.
+  const size_t pictures = EventsOfKind("poweroff-logo").size();
+  Outcome refreshed =
+      Run({"--device-root", device_root_, "--switchboard-url", second.switchboard_url(),
+           "--log-file", log_file_, "-v", "init", "--refresh"});
   EXPECT_EQ(0, refreshed.exit_code) << refreshed.err;
   EXPECT_TRUE(Contains(refreshed.out, "configuration: fetched from " + second.switchboard_url()));
   EXPECT_TRUE(Contains(refreshed.out, "web service: " + second.base_url())) << refreshed.out;
-  EXPECT_EQ("", refreshed.err);
+  const std::string fetch = "vistrel: GET " + second.switchboard_url() + ": 200, ";
+  EXPECT_TRUE(Contains(refreshed.err, fetch)) << refreshed.err;
+  EXPECT_EQ(refreshed.err.find(fetch), refreshed.err.rfind(fetch)) << refreshed.err;
+  EXPECT_FALSE(Contains(refreshed.err, "warning")) << refreshed.err;
+  EXPECT_EQ(pictures + 1, EventsOfKind("poweroff-logo").size());
 
   // The demo shop refuses a port that is taken.
   const pid_t demo_shop = [&] {
