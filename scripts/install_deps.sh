@@ -6,7 +6,7 @@ packages=(
   build-essential cmake pkg-config git ca-certificates curl
   libjsoncpp-dev libboost-dev libexpat1-dev libcurl4-openssl-dev libssl-dev
   libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
-  zip unzip
+  zip unzip man-db
   doxygen dpkg-dev fakeroot file lintian
 )
 packages+=("$@")

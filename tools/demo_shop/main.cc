@@ -1,6 +1,10 @@
 // vistrel-demo-shop: runs the demo shop until interrupted.
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -39,6 +43,26 @@ bool ParseMs(const char* text, std::chrono::milliseconds* out) {
 int Usage(const char* problem) {
   std::fprintf(stderr, "vistrel-demo-shop: %s\n%s", problem, kUsage);
   return 2;
+}
+
+// The server's socket shares its port with other sockets that ask to (SO_REUSEPORT), so a
+// second shop on a port in use would start and take half the connections. A plain socket
+// bound first (without SO_REUSEPORT) finds the port taken. False with errno set when it is in use.
+bool PortFree(int port) {
+  const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (probe < 0) return false;
+  // SO_REUSEADDR only lets it past connections of an earlier run waiting to close.
+  const int on = 1;
+  setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool bound = bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  const int error = errno;
+  close(probe);
+  errno = error;
+  return bound;
 }
 
 }  // namespace
@@ -94,7 +118,7 @@ int main(int argc, char** argv) {
     }
   }
 
-  if (!shop.Start(port)) {
+  if ((port != 0 && !PortFree(port)) || !shop.Start(port)) {
     std::fprintf(stderr, "vistrel-demo-shop: cannot listen on 127.0.0.1:%d: %s\n", port,
                  std::strerror(errno));
     return 1;

@@ -20,6 +20,7 @@ namespace {
 int CartAdd(StoreManager* store, const Args& args) {
   if (args.positional.size() != 1) return Usage("cart add needs one EAN");
   const std::string& ean = args.positional[0];
+  if (const int refused = RefuseIfPurchased(store, ean, args.Has("--force"))) return refused;
   CatalogEntry entry;
   std::vector<CatalogEntry> catalog;
   std::string error;
@@ -44,7 +45,8 @@ int CartAdd(StoreManager* store, const Args& args) {
   if (args.Has("--price")) {
     char* end = nullptr;
     const double price = std::strtod(args.Get("--price").c_str(), &end);
-    if (end == nullptr || *end != '\0' || price < 0) return Usage("--price wants a number");
+    if (end == nullptr || *end != '\0') return Usage("--price wants a number");
+    if (price < 0) return Usage("--price cannot be negative");
     entry.price_cents = std::llround(price * 100.0);
   }
   const bool present = store->cart().IsContain(ean);
@@ -77,7 +79,7 @@ int RunCart(const std::vector<std::string>& words) {
   Args args;
   std::string error;
   if (!ParseArgs(std::vector<std::string>(words.begin() + 1, words.end()),
-                 {"--title", "--author", "--format", "--price"}, {}, &args, &error)) {
+                 {"--title", "--author", "--format", "--price"}, {"--force"}, &args, &error)) {
     return Usage(error);
   }
   const std::string& action = words[0];

@@ -4,24 +4,32 @@ namespace vistrel_cli {
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
-      {"init", "fetch the shop configuration and show the device's state",
-       "usage: vistrel init\n\nFetches the shop configuration from the configuration server "
-       "(also when a cached one\nis recent), installs the standby picture, and shows the "
-       "shop, session, cart and purchases.\n",
+      {"init", "start the library and show the device's state",
+       "usage: vistrel init [--refresh]\n\nStarts the library as the shop application does: "
+       "the shop configuration (fetched\nfrom the configuration server when the cached one is "
+       "30 minutes old or missing,\nwith the standby picture), languages, session, cart and "
+       "purchases, and shows them.\nThe session is renewed with the stored credentials.\n\n"
+       "  --refresh  fetch the configuration now, also when the cached one is recent (after\n"
+       "             changing --switchboard-url)\n",
        RunInit},
       {"register", "create an account and log in",
-       "usage: vistrel register EMAIL PASSWORD\n\nRegisters a new account with the shop; the "
-       "new session is kept on the device.\n",
+       "usage: vistrel register EMAIL [--password-stdin]\n\nRegisters a new account with the "
+       "shop; the new session is kept on the device.\nThe password is asked for twice on the "
+       "terminal (not shown), or read as one line\nfrom stdin with --password-stdin. A "
+       "password after EMAIL still works, with a\nwarning: others can see it.\n",
        RunRegister},
       {"login", "log in",
-       "usage: vistrel login EMAIL PASSWORD\n\nLogs in; the session and the credentials are "
-       "kept on the device.\n",
+       "usage: vistrel login EMAIL [--password-stdin]\n\nLogs in; the session and the "
+       "credentials are kept on the device. The password\nis asked for on the terminal (not "
+       "shown), or read as one line from stdin with\n--password-stdin. A password after EMAIL "
+       "still works, with a warning.\n",
        RunLogin},
       {"logout", "log out on the device",
-       "usage: vistrel logout\n\nEmpties the cart and forgets the session and the purchases "
-       "in memory. The shop\nis not told, and the device configuration keeps the stored "
-       "session, so the next\ncommand starts logged in again (log in as someone else to "
-       "replace it).\n",
+       "usage: vistrel logout [--forget]\n\nEmpties the cart and forgets the session and the "
+       "purchases in memory. The shop\nis not told, and the device configuration keeps the "
+       "stored session and password,\nso the next command starts logged in again.\n\n"
+       "  --forget  also remove the stored session, e-mail address and password from the\n"
+       "            device\n",
        RunLogout},
       {"languages", "list the shop's catalogue languages", "usage: vistrel languages\n",
        RunLanguages},
@@ -31,21 +39,36 @@ const std::vector<Command>& Commands() {
        RunCatalog},
       {"cart", "add, remove or list books in the cart",
        "usage: vistrel cart add EAN [--title T] [--author A] [--format F] [--price EUR]\n"
+       "                        [--force]\n"
        "       vistrel cart remove EAN\n"
        "       vistrel cart list\n\n"
        "cart add looks the EAN up in the shop's catalogue; the options supply or override\n"
        "the book's data (with --title a book outside the catalogue can be added; the shop\n"
-       "then drops it at checkout).\n",
+       "then drops it at checkout). A book the account has bought already is refused\n"
+       "unless --force is given.\n",
        RunCart},
       {"checkout", "move the cart to the shop",
        "usage: vistrel checkout\n\nPushes the cart to the shop and takes the shop's cart; fails "
-       "when the shop dropped\na book.\n",
+       "when the shop dropped\na book (and says how to remove it).\n",
        RunCheckout},
       {"pay", "order the shop's cart and pay it",
-       "usage: vistrel pay\n\nChecks the cart out (again: the shop's cart id lives only as long "
-       "as the\nprocess), prepares and commits the order, pays it in the (emulated) browser, "
-       "and\nwaits until the shop has delivered every book (at least 5 seconds).\n",
+       "usage: vistrel pay [--yes] [--timeout SECONDS]\n\nChecks the cart out (again: the "
+       "shop's cart id lives only as long as the\nprocess), shows the shop's cart and its "
+       "total and asks before paying, prepares\nand commits the order, pays it in the "
+       "browser, and waits until the shop has\ndelivered every book (checked every 5 "
+       "seconds). While it waits, the order is\nkept on the device: when the wait fails or "
+       "is cut short, vistrel order checks\nit again later.\n\n"
+       "  --yes              pay without asking (needed when stdin is no terminal)\n"
+       "  --timeout SECONDS  stop waiting for the delivery after about this long\n",
        RunPay},
+      {"order", "check a paid order that is not delivered yet",
+       "usage: vistrel order [--wait [--timeout SECONDS]]\n\nChecks the order that pay kept "
+       "on the device (also after a failed delivery check or\na restart) and, once the shop "
+       "has delivered every book, reloads the purchases\nand forgets the order. Exit 0 when "
+       "delivered or when no order waits, 1 when it is\nnot delivered yet.\n\n"
+       "  --wait             check every 5 seconds until it is delivered (Ctrl-C stops)\n"
+       "  --timeout SECONDS  with --wait: stop after about this long\n",
+       RunOrder},
       {"purchased", "list the purchased books", "usage: vistrel purchased\n", RunPurchased},
       {"download", "download purchased books",
        "usage: vistrel download EAN... | --all\n\nDownloads the books one after the other "
@@ -63,6 +86,14 @@ const std::vector<Command>& Commands() {
        "the store library: configuration and standby picture, registration, languages,\n"
        "cart, checkout, payment in the emulated browser, delivery, downloads.\n",
        RunDemo},
+      {"config", "show the settings in force and where they come from",
+       "usage: vistrel config\n\nShows each setting (device folder, configuration server, "
+       "serial number,\npayment browser, event log), its value and where it comes from: a "
+       "global option,\nthe environment, the configuration file or the default. The file "
+       "is\n$XDG_CONFIG_HOME/vistrel/config (else ~/.config/vistrel/config), lines of\n"
+       "\"key = value\" with the keys device_root, switchboard_url, serial, browser and\n"
+       "log_file; \"#\" starts a comment.\n",
+       RunConfig},
   };
   return commands;
 }

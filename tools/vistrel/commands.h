@@ -39,10 +39,12 @@ int RunCatalog(const Words& words);  // catalog_commands.cc
 int RunCart(const Words& words);
 int RunCheckout(const Words& words);  // purchase_commands.cc
 int RunPay(const Words& words);
+int RunOrder(const Words& words);
 int RunPurchased(const Words& words);  // download_commands.cc
 int RunDownload(const Words& words);
 int RunStatus(const Words& words);
-int RunDemo(const Words& words);  // demo_command.cc
+int RunDemo(const Words& words);    // demo_command.cc
+int RunConfig(const Words& words);  // tool_config.cc
 
 }  // namespace vistrel_cli
 

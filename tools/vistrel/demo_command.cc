@@ -117,10 +117,16 @@ int RunDemo(const std::vector<std::string>& words) {
     device_root = given_root;
     log_file = device_root + ".events.log";
   } else {
-    char work[] = "/tmp/vistrel-demo-XXXXXX";
-    if (mkdtemp(work) == nullptr) return Fail(kExitFailed, "cannot make a temporary folder");
-    device_root = std::string(work) + "/device";
-    log_file = std::string(work) + "/events.log";
+    const char* tmpdir = std::getenv("TMPDIR");
+    std::string work = std::string(tmpdir != nullptr && *tmpdir == '/' ? tmpdir : "/tmp");
+    while (work.size() > 1 && work.back() == '/') work.pop_back();
+    work += "/vistrel-demo-XXXXXX";
+    if (mkdtemp(&work[0]) == nullptr) {
+      return Fail(kExitFailed,
+                  "cannot make a temporary folder in " + work.substr(0, work.rfind('/')));
+    }
+    device_root = work + "/device";
+    log_file = work + "/events.log";
     setenv("VISTREL_DEVICE_ROOT", device_root.c_str(), 1);
   }
   if (std::getenv("VISTREL_LOG_FILE") == nullptr) {
@@ -285,7 +291,9 @@ int RunDemo(const std::vector<std::string>& words) {
     if (kind.empty()) ++bad;
   }
   if (bad != 0) return DemoFailed("Books on the device", std::to_string(bad) + " bad files");
-  std::printf("vistrel demo: done, %zu books bought and downloaded\n", chosen.size());
+  std::printf("vistrel demo: done, %s bought and downloaded\n",
+              Count(chosen.size(), "book").c_str());
+  std::printf("      device folder %s (kept; remove it when done)\n", device_root.c_str());
   return kExitOk;
 }
 

@@ -24,9 +24,9 @@ int RunPurchased(const std::vector<std::string>& words) {
     std::printf("%-14s %-11s %s [%s]%s%s\n", Prop(book, Book::Ean).c_str(),
                 StateName(status.status_).c_str(), Describe(book).c_str(),
                 Prop(book, Book::EbookType).c_str(), status.path_.empty() ? "" : "  ",
-                status.path_.c_str());
+                (status.path_.empty() ? "" : WithHostPath(status.path_)).c_str());
   }
-  std::printf("%zu purchased books\n", store->purchased().size());
+  std::printf("%s purchased\n", Count(store->purchased().size(), "book").c_str());
   return kExitOk;
 }
 
@@ -75,7 +75,9 @@ int RunStatus(const std::vector<std::string>& words) {
   for (const std::string& id : words) {
     const BookStatus status = store->GetBookStatusById(id);
     std::printf("%s: %s", id.c_str(), StateName(status.status_).c_str());
-    if (status.status_ == norbel::vistrel::kDownloaded) std::printf(" %s", status.path_.c_str());
+    if (status.status_ == norbel::vistrel::kDownloaded) {
+      std::printf(" %s", WithHostPath(status.path_).c_str());
+    }
     if (status.status_ == norbel::vistrel::kDownloading) std::printf(" %d%%", status.progress_);
     std::printf("\n");
   }

@@ -6,8 +6,7 @@
 #include <atomic>
 #include <limits>
 #include <memory>
-
-#include "curl_handle.h"
+#include <mutex>
 
 #include "curl_handle.h"
 
@@ -16,6 +15,61 @@ namespace utilities {
 namespace {
 
 std::atomic<int64_t> g_limit_override_ms{0};
+
+// The last outcome and the observer, shared by every runner of the process.
+std::mutex g_outcome_lock;
+TransferOutcome g_last_outcome;
+std::function<void(const TransferOutcome&)> g_observer;
+
+std::string ErrorKind(CURLcode err, bool too_large) {
+  switch (err) {
+    case CURLE_OK:
+      return "";
+    case CURLE_COULDNT_CONNECT:
+      return "connection refused";
+    case CURLE_OPERATION_TIMEDOUT:
+      return "timeout";
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return "DNS";
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_USE_SSL_FAILED:
+      return "TLS";
+    case CURLE_FILESIZE_EXCEEDED:
+      return "answer too large";
+    case CURLE_WRITE_ERROR:
+      return too_large ? "answer too large" : "transfer failed";
+    case CURLE_GOT_NOTHING:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+    case CURLE_PARTIAL_FILE:
+      return "connection dropped";
+    case CURLE_URL_MALFORMAT:
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      return "bad address";
+    default:
+      return "transfer failed";
+  }
+}
+
+// Keeps `outcome` as the last one and hands it to the observer, outside the lock so that the
+// observer may read LastTransferOutcome().
+void Publish(const TransferOutcome& outcome) {
+  std::function<void(const TransferOutcome&)> observer;
+  {
+    std::lock_guard<std::mutex> hold(g_outcome_lock);
+    g_last_outcome = outcome;
+    observer = g_observer;
+  }
+  if (observer) observer(outcome);
+}
 
 struct SlistDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -89,6 +143,25 @@ void HttpRequest::AddHeader(const std::string& name, const std::string& value) {
   headers_.emplace_back(name, value);
 }
 
+std::string TransferOutcome::Describe() const {
+  if (curl_code != 0) {
+    return error_text.empty() || error_text == error_kind ? error_kind
+                                                          : error_kind + " (" + error_text + ")";
+  }
+  if (http_code != 200) return "HTTP status " + std::to_string(http_code);
+  return "200";
+}
+
+TransferOutcome LastTransferOutcome() {
+  std::lock_guard<std::mutex> hold(g_outcome_lock);
+  return g_last_outcome;
+}
+
+void SetTransferObserver(std::function<void(const TransferOutcome&)> observer) {
+  std::lock_guard<std::mutex> hold(g_outcome_lock);
+  g_observer = std::move(observer);
+}
+
 HttpRequestRunner::HttpRequestRunner() = default;
 
 int HttpRequestRunner::PerformRequest(const HttpRequest& request, long* http_code,
@@ -100,9 +173,31 @@ int HttpRequestRunner::PerformRequest(
     const HttpRequest& request, long* http_code, std::vector<char>* body, unsigned int limit,
     std::vector<std::pair<std::string, std::string>>* response_headers) {
   if (response_headers) response_headers->clear();
+  TransferOutcome outcome;
+  outcome.method = request.method();
+  outcome.url = request.url();
+  const auto started = std::chrono::steady_clock::now();
+  bool too_large = false;
+  const int err = Perform(request, http_code, body, limit, response_headers, &outcome.http_code,
+                          &too_large, &outcome.error_text);
+  outcome.curl_code = err;
+  outcome.error_kind = ErrorKind(static_cast<CURLcode>(err), too_large);
+  outcome.elapsed_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                           std::chrono::steady_clock::now() - started)
+                           .count();
+  Publish(outcome);
+  return err;
+}
+
+int HttpRequestRunner::Perform(const HttpRequest& request, long* http_code, std::vector<char>* body,
+                               unsigned int limit,
+                               std::vector<std::pair<std::string, std::string>>* response_headers,
+                               long* status_seen, bool* too_large, std::string* error_text) {
+  char error_buffer[CURL_ERROR_SIZE] = {0};  // outlives the handle that writes to it
   CurlHandle curl = NewCurlHandle();
   if (!curl) return CURLE_FAILED_INIT;
   CURL* c = curl.get();
+  curl_easy_setopt(c, CURLOPT_ERRORBUFFER, error_buffer);
 
   int64_t limit_ms = g_limit_override_ms.load();
   if (limit_ms <= 0) limit_ms = static_cast<int64_t>(limit) * 1000;
@@ -154,7 +249,10 @@ int HttpRequestRunner::PerformRequest(
   long status = 0;
   curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
   if (http_code) *http_code = status;
+  *status_seen = status;
+  *too_large = sink.too_large;
   if (err != CURLE_OK) {
+    *error_text = error_buffer[0] != '\0' ? error_buffer : curl_easy_strerror(err);
     if (body) body->clear();
     return static_cast<int>(err);
   }

@@ -2,6 +2,7 @@
 #define VISTREL_STORE_STORE_MANAGER_H_
 
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <string>
 #include <tuple>
@@ -66,6 +67,10 @@ class VISTREL_STORE_EXPORT StoreManager {
   // Ends the session on the device only: forgets session, cart, purchases and downloads; the
   // stored session stays in the configuration file.
   void LogOut();
+  // An addition beside LogOut(): LogOut(), then also removes the stored session and password
+  // (and the e-mail address) from the device configuration file, so that no later Init() logs
+  // in again. 0 on success, -1 when the configuration file could not be opened or saved.
+  int ForgetAccount();
   // Logs in again with the stored credentials. `config` may be an open configuration handle
   // (left open) or null. 0 on success, -1 without credentials or when the shop refused.
   int NewSession(iconfig_s* config);
@@ -100,6 +105,24 @@ class VISTREL_STORE_EXPORT StoreManager {
   ServerApi::Result CheckPaymentResult();
   // Checks a pending order again: 0 when checked, -1 without one or when the check failed.
   int CheckOrderIfNeeded();
+
+  // Additions beside the purchase operations above, for callers that need a bound on the
+  // delivery wait and a way forward after a failed wait or a restart.
+  //
+  // The pending order (id, PayPal token and payer id, and whether the shop confirmed the
+  // payment) is kept in the device file "/mnt/ext1/system/config/vistrel_pending_order" from
+  // the start of the wait until every bought e-book has a link, then removed.
+  //
+  // WaitForPaymentResult() does what CheckPaymentResult() does, with two differences: before
+  // each 5-second pause it asks `keep_waiting`, and when that returns false the wait ends with
+  // kFailed (empty message) and the order stays pending; and it pauses only between two checks,
+  // not after the check that found every link. A payment that the shop confirmed in an earlier
+  // wait is not confirmed again. The local cart is cleared once the payment is confirmed.
+  ServerApi::Result WaitForPaymentResult(const std::function<bool()>& keep_waiting);
+  // Puts the order kept on the device in payment_data_, so that WaitForPaymentResult() and
+  // CheckOrderIfNeeded() work on it. 1 when there was one, 0 when none, -1 when the file was
+  // unreadable (it is then moved aside to the same name + ".unreadable").
+  int RestorePendingOrder();
 
   // Downloads, one at a time, into "/mnt/ext1/Downloads". DownloadBookById() queues a
   // purchased book (the text after the last "/" of `id` is its Ean) and moves the downloads

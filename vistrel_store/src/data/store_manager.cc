@@ -225,6 +225,18 @@ void StoreManager::LogOut() {
   current_download_ = Book();
 }
 
+int StoreManager::ForgetAccount() {
+  LogOut();
+  ConfigHandle config;
+  if (!config.get()) return -1;
+  WriteString(config.get(), "session_id", "");
+  WriteString(config.get(), "user_name", "");
+  WriteSecret(config.get(), "password", "");
+  const int saved = SaveConfig(config.get());
+  config.Close();
+  return saved == 1 ? 0 : -1;
+}
+
 bool StoreManager::IsLoggedIn() { return !session_id_.empty(); }
 
 std::string StoreManager::getLogin() {

@@ -1,8 +1,16 @@
 // The purchase: local cart to the shop's cart, order, payment in the browser, confirmation.
+#include <json/reader.h>
+#include <json/writer.h>
 #include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+#include <fstream>
 
 #include "book_props.h"
 #include "check_log.h"
+#include "nbutils/device_environment.h"
+#include "nbutils/file_utils.h"
 #include "vistrel_store/auth.h"
 #include "vistrel_store/store_manager.h"
 
@@ -40,6 +48,50 @@ bool AllLinksReady(const std::vector<Book>& books) {
   }
   return true;
 }
+
+// The order kept on the device while its delivery is awaited.
+constexpr char kPendingOrderPath[] = "/mnt/ext1/system/config/vistrel_pending_order";
+constexpr std::streamsize kPendingOrderMaxBytes = 16384;
+
+struct PendingOrder {
+  StoreManager::PaymentData payment;
+  bool confirmed = false;
+};
+
+bool WritePendingOrder(const PendingOrder& pending) {
+  Json::Value root(Json::objectValue);
+  root["orderID"] = static_cast<Json::Int64>(pending.payment.order_id_);
+  root["token"] = pending.payment.token_;
+  root["payerID"] = pending.payment.payer_id_;
+  root["confirmed"] = pending.confirmed;
+  return utilities::WriteFileAtomically(kPendingOrderPath, Json::StyledWriter().write(root));
+}
+
+// 1 with *pending filled, 0 when there is no file, -1 when it is unreadable (too large, not
+// JSON, or without an order id).
+int ReadPendingOrder(PendingOrder* pending) {
+  std::ifstream in(utilities::DevicePath(kPendingOrderPath), std::ios::binary);
+  if (!in) return 0;
+  std::string text(static_cast<size_t>(kPendingOrderMaxBytes) + 1, '\0');
+  in.read(&text[0], kPendingOrderMaxBytes + 1);
+  if (in.gcount() > kPendingOrderMaxBytes) return -1;
+  text.resize(static_cast<size_t>(in.gcount()));
+  Json::Value root;
+  try {
+    if (!Json::Reader().parse(text, root, false) || !root.isObject()) return -1;
+    if (!root["orderID"].isIntegral() || !root["token"].isString() || !root["payerID"].isString()) {
+      return -1;
+    }
+    pending->payment = StoreManager::PaymentData(
+        root["orderID"].asInt64(), root["token"].asString(), root["payerID"].asString());
+    pending->confirmed = root["confirmed"].isBool() && root["confirmed"].asBool();
+  } catch (const std::exception&) {
+    return -1;  // nested too deeply or a number out of range
+  }
+  return pending->payment.order_id_ == -1 ? -1 : 1;
+}
+
+void RemovePendingOrder() { std::remove(utilities::DevicePath(kPendingOrderPath).c_str()); }
 
 }  // namespace
 
@@ -151,6 +203,53 @@ int StoreManager::CheckOrderIfNeeded() {
   }
   LoadPurchased();
   return 0;
+}
+
+ServerApi::Result StoreManager::WaitForPaymentResult(const std::function<bool()>& keep_waiting) {
+  EnsureNetwork();
+  PendingOrder pending;
+  const bool confirmed_before = ReadPendingOrder(&pending) == 1 &&
+                                pending.payment.order_id_ == payment_data_.order_id_ &&
+                                pending.confirmed;
+  pending.payment = payment_data_;
+  pending.confirmed = confirmed_before;
+  WritePendingOrder(pending);
+
+  ServerApi::Result result(ServerApi::kOk);
+  if (!confirmed_before) {
+    result = server_api_.ConfirmPayPal(payment_data_.token_, payment_data_.payer_id_);
+    if (result.code_ != ServerApi::kOk) return result;
+    pending.confirmed = true;
+    WritePendingOrder(pending);
+    cart_.Clear();
+  }
+
+  for (;;) {
+    EnsureNetwork();
+    ChekResult check;
+    std::tie(result, check) = server_api_.CheckOrder(payment_data_.order_id_);
+    if (result.code_ != ServerApi::kOk) return result;
+    if (AllLinksReady(check.ebooks_)) break;
+    if (!keep_waiting()) return ServerApi::Result(ServerApi::kFailed);
+    usleep(kOrderPollInterval);
+  }
+  LoadPurchased();
+  RemovePendingOrder();
+  return result;
+}
+
+int StoreManager::RestorePendingOrder() {
+  PendingOrder pending;
+  const int found = ReadPendingOrder(&pending);
+  if (found == 1) payment_data_ = pending.payment;
+  if (found == -1) {
+    // Never deleted unread: moved aside for a person to look at.
+    const std::string path = utilities::DevicePath(kPendingOrderPath);
+    std::rename(path.c_str(), (path + ".unreadable").c_str());
+    nb_print_log2(kLogError, kStoreManagerSource, __LINE__, __PRETTY_FUNCTION__,
+                  "unreadable pending order moved to vistrel_pending_order.unreadable");
+  }
+  return found;
 }
 
 }  // namespace vistrel

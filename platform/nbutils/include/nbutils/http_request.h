@@ -4,6 +4,8 @@
 #define NBUTILS_HTTP_REQUEST_H_
 
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -59,7 +61,43 @@ class HttpRequestRunner {
   int PerformRequest(const HttpRequest& request, long* http_code, std::vector<char>* body,
                      unsigned int limit,
                      std::vector<std::pair<std::string, std::string>>* response_headers);
+
+ private:
+  // The transfer itself; also reports the status seen, whether the body outgrew the cap, and
+  // curl's text for a failure.
+  static int Perform(const HttpRequest& request, long* http_code, std::vector<char>* body,
+                     unsigned int limit,
+                     std::vector<std::pair<std::string, std::string>>* response_headers,
+                     long* status_seen, bool* too_large, std::string* error_text);
 };
+
+// What became of one transfer, for diagnostics. An addition of the host stand-in: the
+// library's calls report only success or failure, so a client that wants to tell the user which
+// address failed and how reads it here.
+struct TransferOutcome {
+  std::string method;
+  std::string url;
+  long http_code = 0;      // 0 when no answer arrived
+  int curl_code = 0;       // 0 when the transfer completed
+  std::string error_kind;  // "" on success, else a short word: "connection refused",
+                           // "timeout", "TLS", "DNS", "answer too large", "connection dropped",
+                           // "bad address" or "transfer failed"
+  std::string error_text;  // curl's own explanation; "" on success
+  int64_t elapsed_ms = 0;  // from the start of the transfer to its end
+  // True when the transfer completed with HTTP status 200.
+  bool ok() const { return curl_code == 0 && http_code == 200; }
+  // One line for people: "refused (Failed to connect ...)", "HTTP status 500", "200".
+  std::string Describe() const;
+};
+
+// The outcome of the last transfer that any runner of this process finished (an empty
+// outcome before the first one).
+TransferOutcome LastTransferOutcome();
+
+// Calls `observer` after every transfer of every runner, on the thread that ran it, with that
+// transfer's outcome; an empty function removes it. The observer must not throw and must not
+// start transfers itself.
+void SetTransferObserver(std::function<void(const TransferOutcome&)> observer);
 
 namespace testing {
 // Replaces every runner's time limit by `limit` (zero restores the caller's limit). For tests
