@@ -33,7 +33,11 @@ std::string HeaderValue(const std::vector<std::pair<std::string, std::string>>& 
 }  // namespace
 
 bool FetchDocument(const std::string& url, std::string* body, std::string* final_url,
-                   std::string* content_type, std::string* error, const FetchOptions& options) {
+                   std::string* content_type, std::string* error, const FetchOptions& options,
+                   FetchFailure* failure) {
+  FetchFailure ignored;
+  if (failure == nullptr) failure = &ignored;
+  *failure = FetchFailure::kTransfer;
   std::string address = url;
   for (int hop = 0; hop <= options.max_redirects; ++hop) {
     const utilities::Url parsed(address);
@@ -64,8 +68,10 @@ bool FetchDocument(const std::string& url, std::string* body, std::string* final
     }
     if (status != 200) {
       *error = "cannot fetch " + address + ": status " + std::to_string(status);
+      *failure = FetchFailure::kStatus;
       return false;
     }
+    *failure = FetchFailure::kNone;
     body->assign(answer.begin(), answer.end());
     *final_url = address;
     *content_type = HeaderValue(headers, "Content-Type");
@@ -77,14 +83,19 @@ bool FetchDocument(const std::string& url, std::string* body, std::string* final
 }
 
 bool FetchFeed(const std::string& url, Feed* feed, std::string* error,
-               const FetchOptions& options) {
+               const FetchOptions& options, FetchFailure* failure) {
   std::string body, final_url, content_type;
-  if (!FetchDocument(url, &body, &final_url, &content_type, error, options)) return false;
+  if (!FetchDocument(url, &body, &final_url, &content_type, error, options, failure)) {
+    return false;
+  }
   std::string reason;
   const bool read = DetectFormat(content_type, body) == Format::kOpds2
                         ? ParseOpds2Feed(body, final_url, feed, &reason, options.limits)
                         : ParseAtomFeed(body, final_url, feed, &reason, options.limits);
-  if (!read) *error = "the catalogue " + final_url + " is " + reason;
+  if (!read) {
+    *error = final_url + " is " + reason;
+    if (failure != nullptr) *failure = FetchFailure::kNotAFeed;
+  }
   return read;
 }
 

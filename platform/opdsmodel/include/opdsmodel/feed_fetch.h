@@ -18,12 +18,20 @@ struct FetchOptions {
   Limits limits;
 };
 
+// Why a fetch failed.
+enum class FetchFailure {
+  kNone,
+  kTransfer,  // no answer: refused, time-out, TLS, too large, too many redirects, bad address
+  kStatus,    // the server answered with a status other than 200
+  kNotAFeed,  // the answer is not an OPDS document
+};
+
 // Fetches the document at `url` (http or https) and reads it into `*feed`; Feed::url is the
 // address it was finally read from (after redirects). Returns false with `*error` set (one
 // line, naming the address) on a transfer failure, a status other than 200, or a body that is
-// not an OPDS feed.
+// not an OPDS feed; `*failure` (when not null) tells which.
 bool FetchFeed(const std::string& url, Feed* feed, std::string* error,
-               const FetchOptions& options = FetchOptions());
+               const FetchOptions& options = FetchOptions(), FetchFailure* failure = nullptr);
 
 // The address that searches `feed`'s catalogue for `terms`, from its search link: an
 // OpenSearch description (fetched and read), or a link that is itself a template (an Atom
@@ -37,7 +45,7 @@ bool SearchUrl(const Feed& feed, const std::string& terms, std::string* url, std
 // OpenSearch description).
 bool FetchDocument(const std::string& url, std::string* body, std::string* final_url,
                    std::string* content_type, std::string* error,
-                   const FetchOptions& options = FetchOptions());
+                   const FetchOptions& options = FetchOptions(), FetchFailure* failure = nullptr);
 
 }  // namespace opds
 }  // namespace norbel
