@@ -335,7 +335,7 @@ void AtomReader::Store(Field field, std::string text) {
     case Field::kLanguage: entry_->language = std::move(text); break;
     case Field::kPublisher: entry_->publisher = std::move(text); break;
     case Field::kAuthorName: entry_->authors.back().name = std::move(text); break;
-    case Field::kAuthorUri: entry_->authors.back().uri = std::move(text); break;
+    case Field::kAuthorUri: entry_->authors.back().uri = resolver_.Resolve(text); break;
     case Field::kPrice: link_->price = std::move(text); break;
     case Field::kNone: break;
   }
