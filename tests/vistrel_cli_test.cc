@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -13,6 +14,7 @@
 #include "demo_shop.h"
 #include "support/device_fixture.h"
 #include "support/ebook_check.h"
+#include "support/fake_server.h"
 
 namespace {
 
@@ -99,6 +101,100 @@ TEST_F(VistrelCliTest, ErrorsAreOneLineWithTheirExitCode) {
             Run({"--device-root", work_dir_ + "/other-device", "--switchboard-url",
                  shop.switchboard_url(), "--log-file", log_file_, "init"})
                 .Said());
+}
+
+// Browsing, walking, searching and buying through the demo shop's OPDS catalogues.
+TEST_F(VistrelCliTest, BrowsesWalksSearchesAndBuysThroughOpds) {
+  vistrel_demo::DemoShop shop;
+  ASSERT_TRUE(shop.Start(0));
+  ASSERT_EQ("0 ", Vistrel(shop, {"init"}).Said());
+  const std::string almanac =
+      "9783980000109    4,99 EUR  Mara Ellison - The Lighthouse Keeper's Almanac [EPUB]  ";
+  const std::string machines =
+      "9783980000123    3,49 EUR  Ida Vance - A Field Guide to Quiet Machines [PDF]  ";
+  const std::string salt =
+      "9783980000130    1,99 EUR  Tom\xc3\xa1s Reyes - Letters from the Salt Road [EPUB]  ";
+  Outcome root = Vistrel(shop, {"catalog"});
+  EXPECT_EQ("Vistrel Demo Shop  (" + shop.catalog_url() +
+                ")\n  1  All books\n  2  EPUB books\n  3  PDF books\n",
+            root.out);
+  Outcome page = Vistrel(shop, {"catalog", "1"});
+  EXPECT_NE(std::string::npos, page.out.find(almanac + "(unknown)\n")) << page.out;
+  EXPECT_NE(std::string::npos,
+            page.out.find("next page: vistrel catalog --feed '" + shop.catalog_url() +
+                          "books?page=2'\n"))
+      << page.out;
+  EXPECT_EQ("2 vistrel: no navigation entry 4 in " + shop.catalog_url() + " (it has 3)\n",
+            Vistrel(shop, {"catalog", "4"}).Said());
+
+  // The walk lists every book once, the list's pages in order, with its count on stderr.
+  Outcome all = Vistrel(shop, {"catalog", "--all"});
+  EXPECT_EQ("0 read 5 feeds, 4 books\n", all.Said());
+  EXPECT_EQ(4, std::count(all.out.begin(), all.out.end(), '\n')) << all.out;
+  EXPECT_EQ(0u, all.out.find(almanac)) << all.out;
+  EXPECT_NE(std::string::npos, all.out.find(salt)) << all.out;
+
+  EXPECT_EQ("Search results  (" + shop.catalog_url() + "search?q=quiet%20machines&page=)\n" +
+                machines + "(unknown)\n",
+            Vistrel(shop, {"catalog", "--search", "quiet machines"}).out);
+  EXPECT_EQ("Search  (" + shop.catalog2_url() + "search?query=salt)\n" + salt + "(unknown)\n",
+            Vistrel(shop, {"catalog", "--feed", shop.catalog2_url(), "--search", "salt"}).out);
+  EXPECT_EQ("0 read 2 feeds, 4 books\n",
+            Vistrel(shop, {"catalog", "--all", "--feed", shop.catalog2_url()}).Said());
+
+  // Bought by EAN alone: the catalogue gives title, author, format, price and thumbnail.
+  ASSERT_EQ("0 ", Vistrel(shop, {"cart", "add", "9783980000123"}).Said());
+  EXPECT_NE(std::string::npos, Vistrel(shop, {"catalog", "3"}).out.find(machines + "(in cart)"));
+  const std::string cart = ReadDeviceFile("/mnt/ext1/system/config/vistrel_cart");
+  EXPECT_NE(std::string::npos, cart.find("\"cartPositionThumbnail\" : \"" + shop.base_url() +
+                                         "/opds/cover/9783980000123.bmp\""))
+      << cart;
+  EXPECT_NE(std::string::npos, cart.find("\"cartPositionEbookType\" : \"PDF\"")) << cart;
+}
+
+// A catalogue whose pages never end and whose entries lead back: the walk remembers what it
+// read and stops at its limit. Not a feed at all: exit 1; nothing there: exit 3.
+TEST_F(VistrelCliTest, CatalogueWalksStayBounded) {
+  vistrel_demo::DemoShop shop;
+  ASSERT_TRUE(shop.Start(0));
+  vistrel_test::FakeServer catalogue;
+  const std::string atom = "application/atom+xml;profile=opds-catalog";
+  auto nav = [&atom](const std::string& title, const std::string& href) {
+    return "<entry><title>" + title + "</title><link rel=\"subsection\" href=\"" + href +
+           "\" type=\"" + atom + "\"/></entry>";
+  };
+  catalogue.Set("/root", vistrel_test::Answer(
+                             "<feed xmlns=\"http://www.w3.org/2005/Atom\">" +
+                                 nav("Library", "/root") + nav("Pages", "/page?n=1") +
+                                 nav("Pages again", "page?n=1#top") + "</feed>",
+                             200, atom));
+  catalogue.Set("/page", [&](const vistrel_test::RecordedRequest& request) {
+    const int n = std::atoi(request.query.substr(2).c_str());
+    const std::string ean = std::to_string(9790000000000LL + n);
+    return vistrel_test::Answer(
+        "<feed xmlns=\"http://www.w3.org/2005/Atom\"><link rel=\"next\" href=\"page?n=" +
+            std::to_string(n + 1) + "\"/><link rel=\"start\" href=\"/root\"/>" +
+            nav("Home", "/root") + "<entry><title>B" + std::to_string(n) +
+            "</title><id>urn:isbn:" + ean +
+            "</id><dc:identifier xmlns:dc=\"http://purl.org/dc/terms/\">" + ean +
+            "</dc:identifier><link rel=\"http://opds-spec.org/acquisition\" href=\"/f\" "
+            "type=\"application/epub+zip\"/></entry></feed>",
+        200, atom);
+  });
+  catalogue.Set("/html", vistrel_test::Answer("<html><body>Sign in</body></html>", 200,
+                                              "text/html"));
+  ASSERT_EQ("0 ", Vistrel(shop, {"init"}).Said());
+  const Outcome walk = Vistrel(shop, {"catalog", "--all", "--feed", catalogue.base_url() + "/root"});
+  EXPECT_EQ("0 read 200 feeds, 199 books (stopped at the walk's limit)\n", walk.Said());
+  EXPECT_EQ(199, std::count(walk.out.begin(), walk.out.end(), '\n'));
+  EXPECT_EQ(1u, catalogue.requests("/root").size());
+  EXPECT_EQ(199u, catalogue.requests("/page").size());
+
+  const Outcome html = Vistrel(shop, {"catalog", "--feed", catalogue.base_url() + "/html"});
+  EXPECT_EQ("1 vistrel: catalogue unreadable: " + catalogue.base_url() +
+                "/html is not an OPDS feed (the document is <html>, not an Atom feed)\n",
+            html.Said());
+  EXPECT_EQ(3, Vistrel(shop, {"catalog", "--feed", catalogue.base_url() + "/nothing"}).exit_code);
 }
 
 }  // namespace

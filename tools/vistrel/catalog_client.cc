@@ -60,10 +60,15 @@ bool WalkCatalog(const std::string& url, const WalkLimits& limits,
   std::deque<std::string> queue{WithoutFragment(url)};
   std::set<std::string> seen{queue.front()};
   std::set<std::string> books;
-  auto visit = [&](const std::string& address) {
+  // A list's next page is read before the sections found so far: a list stays together.
+  auto visit = [&](const std::string& address, bool next_page) {
     const std::string key = WithoutFragment(address);
     if (key.empty() || !seen.insert(key).second) return;
-    queue.push_back(key);
+    if (next_page) {
+      queue.push_front(key);
+    } else {
+      queue.push_back(key);
+    }
   };
   while (!queue.empty()) {
     if (report->feeds_read + report->feeds_failed >= limits.max_feeds) {
@@ -89,7 +94,7 @@ bool WalkCatalog(const std::string& url, const WalkLimits& limits,
     seen.insert(WithoutFragment(feed.url));  // where a redirect led
     for (const opds::Entry& entry : feed.entries) {
       if (!IsBook(entry)) {
-        if (const opds::Link* link = entry.NavigationLink()) visit(link->href);
+        if (const opds::Link* link = entry.NavigationLink()) visit(link->href, false);
         continue;
       }
       const CatalogEntry book = ToCatalogEntry(entry);
@@ -104,7 +109,7 @@ bool WalkCatalog(const std::string& url, const WalkLimits& limits,
         return true;
       }
     }
-    if (const opds::Link* next = feed.FindLink(opds::rel::kNext)) visit(next->href);
+    if (const opds::Link* next = feed.FindLink(opds::rel::kNext)) visit(next->href, true);
     if (on_progress) on_progress(*report, static_cast<int>(books.size()));
   }
   return true;
