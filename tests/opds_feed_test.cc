@@ -259,8 +259,8 @@ TEST(OpdsSearchTest, PicksTheOpdsTemplateAndFillsEveryForm) {
        template="/opds/find?q={searchTerms}&amp;p={startPage?}&amp;n={count}&amp;l={language}&amp;x={ex:thing?}"/>
 </OpenSearchDescription>)";
   std::string url_template;
-  ASSERT_TRUE(opds::ParseOpenSearchDescription(description, "http://h.example/opds/os.xml",
-                                               &url_template));
+  ASSERT_TRUE(
+      opds::ParseOpenSearchDescription(description, "http://h.example/opds/os.xml", &url_template));
   EXPECT_EQ("http://h.example/opds/find?q=K%C3%B6ln%2B&p=&n=20&l=*&x=",
             opds::FillSearchTemplate(url_template, "K\xc3\xb6ln+"));
   EXPECT_FALSE(opds::ParseOpenSearchDescription(
@@ -289,7 +289,8 @@ TEST(OpdsHostileTest, HostileFeedsStayBounded) {
       "<?xml version=\"1.0\"?><!DOCTYPE feed [<!ENTITY a \"aaaaaaaaaa\">"
       "<!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\"><!ENTITY c \"&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;\">"
       "<!ENTITY d \"&c;&c;&c;&c;&c;&c;&c;&c;&c;&c;\"><!ENTITY e \"&d;&d;&d;&d;&d;&d;&d;&d;&d;&d;\">"
-      "<!ENTITY f \"&e;&e;&e;&e;&e;&e;&e;&e;&e;&e;\"><!ENTITY g \"&f;&f;&f;&f;&f;&f;&f;&f;&f;&f;\">]>"
+      "<!ENTITY f \"&e;&e;&e;&e;&e;&e;&e;&e;&e;&e;\"><!ENTITY g "
+      "\"&f;&f;&f;&f;&f;&f;&f;&f;&f;&f;\">]>"
       "<feed xmlns=\"http://www.w3.org/2005/Atom\"><title>&g;&g;&g;&g;&g;&g;&g;&g;</title></feed>";
   EXPECT_FALSE(opds::ParseFeed(laughs, "http://h/", &feed, &error));
   EXPECT_NE(std::string::npos, error.find("entities")) << error;
@@ -297,18 +298,17 @@ TEST(OpdsHostileTest, HostileFeedsStayBounded) {
   // Deep nesting inside an entry and far too many entries: cut at the limits, what came
   // before is kept.
   const std::string head = "<feed xmlns=\"http://www.w3.org/2005/Atom\"><entry><id>first</id>";
-  const std::string deep = head + Repeat("<x>", 200000) + Repeat("</x>", 200000) + "</entry></feed>";
+  const std::string deep =
+      head + Repeat("<x>", 200000) + Repeat("</x>", 200000) + "</entry></feed>";
   ASSERT_TRUE(opds::ParseFeed(deep, "http://h/", &feed, &error)) << error;
   EXPECT_TRUE(feed.truncated);
   ASSERT_EQ(1u, feed.entries.size());
   EXPECT_EQ("first", feed.entries[0].id);
 
   opds::Limits limits;
-  const std::string many =
-      std::string("<feed xmlns=\"http://www.w3.org/2005/Atom\">") +
-      "<entry>" + Repeat("<link href=\"a\"/>", 100) + "</entry>" +
-      Repeat("<entry><title>t</title></entry>", 6000) +
-      "</feed>";
+  const std::string many = std::string("<feed xmlns=\"http://www.w3.org/2005/Atom\">") + "<entry>" +
+                           Repeat("<link href=\"a\"/>", 100) + "</entry>" +
+                           Repeat("<entry><title>t</title></entry>", 6000) + "</feed>";
   ASSERT_TRUE(opds::ParseFeed(many, "http://h/", &feed, &error));
   EXPECT_TRUE(feed.truncated);
   EXPECT_EQ(static_cast<size_t>(limits.max_entries), feed.entries.size());
@@ -321,9 +321,9 @@ TEST(OpdsHostileTest, HostileFeedsStayBounded) {
   EXPECT_EQ(limits.max_text_bytes, feed.entries[0].title.size());
   opds::Limits tight;
   tight.max_model_bytes = 64 * 1024;
-  const std::string wide = "<feed xmlns=\"http://www.w3.org/2005/Atom\">" +
-                           Repeat("<entry><title>" + std::string(1000, 'w') + "</title></entry>", 1000) +
-                           "</feed>";
+  const std::string wide =
+      "<feed xmlns=\"http://www.w3.org/2005/Atom\">" +
+      Repeat("<entry><title>" + std::string(1000, 'w') + "</title></entry>", 1000) + "</feed>";
   ASSERT_TRUE(opds::ParseAtomFeed(wide, "http://h/", &feed, &error, tight));
   EXPECT_TRUE(feed.truncated);
   EXPECT_LT(feed.entries.size(), 70u);
@@ -357,13 +357,14 @@ TEST(OpdsFetchTest, FollowsRedirectsResolvesAgainstTheFinalAddressAndSearches) {
                  <entry><title>All</title><link rel="subsection" href="all.xml"
                    type="application/atom+xml;profile=opds-catalog"/></entry></feed>)",
                                   200, "text/xml"));  // servers that send a plain XML type
-  server.Set("/catalog/os.xml", vistrel_test::Answer(
-                                    R"(<OpenSearchDescription xmlns="http://a9.com/-/spec/opensearch/1.1/">
+  server.Set("/catalog/os.xml",
+             vistrel_test::Answer(
+                 R"(<OpenSearchDescription xmlns="http://a9.com/-/spec/opensearch/1.1/">
                  <Url type="application/atom+xml" template="find?q={searchTerms}"/>
                </OpenSearchDescription>)",
-                                    200, "application/opensearchdescription+xml"));
-  server.Set("/catalog/json", vistrel_test::Answer(R"({"metadata": {"title": "J"}})", 200,
-                                                   "application/opds+json"));
+                 200, "application/opensearchdescription+xml"));
+  server.Set("/catalog/json",
+             vistrel_test::Answer(R"({"metadata": {"title": "J"}})", 200, "application/opds+json"));
   server.Set("/catalog/page.html", vistrel_test::Answer("<html></html>", 200, "text/html"));
   server.Set("/loop", vistrel_test::Redirect(301, "/loop"));
 
@@ -380,15 +381,16 @@ TEST(OpdsFetchTest, FollowsRedirectsResolvesAgainstTheFinalAddressAndSearches) {
   EXPECT_EQ("J", feed.title);
   EXPECT_FALSE(opds::SearchUrl(feed, "x", &url, &error));
 
-  EXPECT_FALSE(opds::FetchFeed(base + "/catalog/page.html", &feed, &error,
-                               opds::FetchOptions(), &failure));
+  EXPECT_FALSE(
+      opds::FetchFeed(base + "/catalog/page.html", &feed, &error, opds::FetchOptions(), &failure));
   EXPECT_EQ(opds::FetchFailure::kNotAFeed, failure);
   EXPECT_FALSE(opds::FetchFeed(base + "/missing", &feed, &error, opds::FetchOptions(), &failure));
   EXPECT_EQ(opds::FetchFailure::kStatus, failure);
   EXPECT_FALSE(opds::FetchFeed(base + "/loop", &feed, &error, opds::FetchOptions(), &failure));
   EXPECT_EQ(opds::FetchFailure::kTransfer, failure);
   EXPECT_NE(std::string::npos, error.find("redirects")) << error;
-  EXPECT_FALSE(opds::FetchFeed("file:///etc/passwd", &feed, &error, opds::FetchOptions(), &failure));
+  EXPECT_FALSE(
+      opds::FetchFeed("file:///etc/passwd", &feed, &error, opds::FetchOptions(), &failure));
   EXPECT_EQ(opds::FetchFailure::kTransfer, failure);
 }
 

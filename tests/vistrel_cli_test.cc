@@ -120,9 +120,8 @@ TEST_F(VistrelCliTest, BrowsesWalksSearchesAndBuysThroughOpds) {
             root.out);
   Outcome page = Vistrel(shop, {"catalog", "1"});
   EXPECT_NE(std::string::npos, page.out.find(almanac + "(unknown)\n")) << page.out;
-  EXPECT_NE(std::string::npos,
-            page.out.find("next page: vistrel catalog --feed '" + shop.catalog_url() +
-                          "books?page=2'\n"))
+  EXPECT_NE(std::string::npos, page.out.find("next page: vistrel catalog --feed '" +
+                                             shop.catalog_url() + "books?page=2'\n"))
       << page.out;
   EXPECT_EQ("2 vistrel: no navigation entry 4 in " + shop.catalog_url() + " (it has 3)\n",
             Vistrel(shop, {"catalog", "4"}).Said());
@@ -163,28 +162,28 @@ TEST_F(VistrelCliTest, CatalogueWalksStayBounded) {
     return "<entry><title>" + title + "</title><link rel=\"subsection\" href=\"" + href +
            "\" type=\"" + atom + "\"/></entry>";
   };
-  catalogue.Set("/root", vistrel_test::Answer(
-                             "<feed xmlns=\"http://www.w3.org/2005/Atom\">" +
-                                 nav("Library", "/root") + nav("Pages", "/page?n=1") +
-                                 nav("Pages again", "page?n=1#top") + "</feed>",
-                             200, atom));
+  catalogue.Set("/root",
+                vistrel_test::Answer("<feed xmlns=\"http://www.w3.org/2005/Atom\">" +
+                                         nav("Library", "/root") + nav("Pages", "/page?n=1") +
+                                         nav("Pages again", "page?n=1#top") + "</feed>",
+                                     200, atom));
   catalogue.Set("/page", [&](const vistrel_test::RecordedRequest& request) {
     const int n = std::atoi(request.query.substr(2).c_str());
     const std::string ean = std::to_string(9790000000000LL + n);
     return vistrel_test::Answer(
         "<feed xmlns=\"http://www.w3.org/2005/Atom\"><link rel=\"next\" href=\"page?n=" +
             std::to_string(n + 1) + "\"/><link rel=\"start\" href=\"/root\"/>" +
-            nav("Home", "/root") + "<entry><title>B" + std::to_string(n) +
-            "</title><id>urn:isbn:" + ean +
-            "</id><dc:identifier xmlns:dc=\"http://purl.org/dc/terms/\">" + ean +
+            nav("Home", "/root") + "<entry><title>B" + std::to_string(n) + "</title><id>urn:isbn:" +
+            ean + "</id><dc:identifier xmlns:dc=\"http://purl.org/dc/terms/\">" + ean +
             "</dc:identifier><link rel=\"http://opds-spec.org/acquisition\" href=\"/f\" "
             "type=\"application/epub+zip\"/></entry></feed>",
         200, atom);
   });
-  catalogue.Set("/html", vistrel_test::Answer("<html><body>Sign in</body></html>", 200,
-                                              "text/html"));
+  catalogue.Set("/html",
+                vistrel_test::Answer("<html><body>Sign in</body></html>", 200, "text/html"));
   ASSERT_EQ("0 ", Vistrel(shop, {"init"}).Said());
-  const Outcome walk = Vistrel(shop, {"catalog", "--all", "--feed", catalogue.base_url() + "/root"});
+  const Outcome walk =
+      Vistrel(shop, {"catalog", "--all", "--feed", catalogue.base_url() + "/root"});
   EXPECT_EQ("0 read 200 feeds, 199 books (stopped at the walk's limit)\n", walk.Said());
   EXPECT_EQ(199, std::count(walk.out.begin(), walk.out.end(), '\n'));
   EXPECT_EQ(1u, catalogue.requests("/root").size());

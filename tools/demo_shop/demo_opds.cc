@@ -23,11 +23,20 @@ std::string Xml(const std::string& text) {
   std::string out;
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -58,7 +67,8 @@ std::vector<const CatalogBook*> Matching(const std::string& format, const std::s
   const std::string needle = Lower(terms);
   for (const CatalogBook& book : DemoCatalog()) {
     if (!format.empty() && book.format != format) continue;
-    if (!needle.empty() && Lower(book.title + " " + book.author).find(needle) == std::string::npos) {
+    if (!needle.empty() &&
+        Lower(book.title + " " + book.author).find(needle) == std::string::npos) {
       continue;
     }
     books.push_back(&book);
@@ -70,17 +80,18 @@ std::vector<const CatalogBook*> Matching(const std::string& format, const std::s
 
 std::string FeedHead(const std::string& id, const std::string& title, const std::string& self,
                      const char* kind) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<feed xmlns=\"http://www.w3.org/2005/Atom\" xmlns:dc=\"http://purl.org/dc/terms/\"\n"
-         "      xmlns:opds=\"http://opds-spec.org/2010/catalog\">\n"
-         "  <id>urn:vistrel-demo:" + id + "</id>\n"
-         "  <title>" + Xml(title) + "</title>\n"
-         "  <updated>" + kUpdated + "</updated>\n"
-         "  <author><name>Vistrel Demo Shop</name></author>\n"
-         "  <link rel=\"self\" href=\"" + Xml(self) + "\" type=\"" + kind + "\"/>\n"
-         "  <link rel=\"start\" href=\"/opds/\" type=\"" + kNavigationType + "\"/>\n"
-         "  <link rel=\"search\" href=\"/opds/opensearch.xml\" "
-         "type=\"application/opensearchdescription+xml\"/>\n";
+  std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+  xml += "<feed xmlns=\"http://www.w3.org/2005/Atom\" xmlns:dc=\"http://purl.org/dc/terms/\"\n";
+  xml += "      xmlns:opds=\"http://opds-spec.org/2010/catalog\">\n";
+  xml += "  <id>urn:vistrel-demo:" + id + "</id>\n";
+  xml += "  <title>" + Xml(title) + "</title>\n";
+  xml += std::string("  <updated>") + kUpdated + "</updated>\n";
+  xml += "  <author><name>Vistrel Demo Shop</name></author>\n";
+  xml += "  <link rel=\"self\" href=\"" + Xml(self) + "\" type=\"" + kind + "\"/>\n";
+  xml += std::string("  <link rel=\"start\" href=\"/opds/\" type=\"") + kNavigationType + "\"/>\n";
+  xml += "  <link rel=\"search\" href=\"/opds/opensearch.xml\"";
+  xml += " type=\"application/opensearchdescription+xml\"/>\n";
+  return xml;
 }
 
 std::string NavigationEntry(const std::string& id, const std::string& title,
@@ -95,25 +106,27 @@ std::string NavigationEntry(const std::string& id, const std::string& title,
 // and thumbnail, and a buy link with its price.
 std::string BookEntry(const CatalogBook& book) {
   const std::string cover = "/opds/cover/" + book.ean + ".bmp";
-  return "  <entry>\n"
-         "    <id>urn:vistrel-demo:book:" + book.ean + "</id>\n"
-         "    <title>" + Xml(book.title) + "</title>\n"
-         "    <author><name>" + Xml(book.author) + "</name></author>\n"
-         "    <updated>" + kUpdated + "</updated>\n"
-         "    <dc:identifier>" + BookUuid(book) + "</dc:identifier>\n"
-         "    <dc:identifier>urn:isbn:" + book.ean + "</dc:identifier>\n"
-         "    <dc:language>" + book.language + "</dc:language>\n"
-         "    <dc:issued>2026</dc:issued>\n"
-         "    <category term=\"fiction\" label=\"Fiction\"/>\n"
-         "    <summary type=\"html\">" + Xml("<p>" + book.paragraphs[0] + "</p>") + "</summary>\n"
-         "    <link rel=\"http://opds-spec.org/image\" href=\"" + cover + "\" type=\"image/bmp\"/>\n"
-         "    <link rel=\"http://opds-spec.org/image/thumbnail\" href=\"" + cover +
-         "\" type=\"image/bmp\"/>\n"
-         "    <link rel=\"http://opds-spec.org/acquisition/buy\" href=\"/opds/book/" + book.ean +
-         "\" type=\"" + FormatType(book) + "\">\n"
-         "      <opds:price currencycode=\"EUR\">" + Price(book) + "</opds:price>\n"
-         "    </link>\n"
-         "  </entry>\n";
+  std::string xml = "  <entry>\n";
+  xml += "    <id>urn:vistrel-demo:book:" + book.ean + "</id>\n";
+  xml += "    <title>" + Xml(book.title) + "</title>\n";
+  xml += "    <author><name>" + Xml(book.author) + "</name></author>\n";
+  xml += std::string("    <updated>") + kUpdated + "</updated>\n";
+  xml += "    <dc:identifier>" + BookUuid(book) + "</dc:identifier>\n";
+  xml += "    <dc:identifier>urn:isbn:" + book.ean + "</dc:identifier>\n";
+  xml += "    <dc:language>" + book.language + "</dc:language>\n";
+  xml += "    <dc:issued>2026</dc:issued>\n";
+  xml += "    <category term=\"fiction\" label=\"Fiction\"/>\n";
+  xml += "    <summary type=\"html\">" + Xml("<p>" + book.paragraphs[0] + "</p>") + "</summary>\n";
+  xml +=
+      "    <link rel=\"http://opds-spec.org/image\" href=\"" + cover + "\" type=\"image/bmp\"/>\n";
+  xml += "    <link rel=\"http://opds-spec.org/image/thumbnail\" href=\"" + cover +
+         "\" type=\"image/bmp\"/>\n";
+  xml += "    <link rel=\"http://opds-spec.org/acquisition/buy\" href=\"/opds/book/" + book.ean +
+         "\" type=\"" + FormatType(book) + "\">\n";
+  xml += "      <opds:price currencycode=\"EUR\">" + Price(book) + "</opds:price>\n";
+  xml += "    </link>\n";
+  xml += "  </entry>\n";
+  return xml;
 }
 
 OpdsAnswer Atom(const std::string& body) {
@@ -149,11 +162,12 @@ OpdsAnswer Page(const std::map<std::string, std::string>& params) {
   if (it != params.end()) page = std::atoi(it->second.c_str());
   if (page < 1 || page > pages) return OpdsAnswer();
   auto link = [](const char* relation, int number) {
-    return "  <link rel=\"" + std::string(relation) + "\" href=\"books?page=" +
-           std::to_string(number) + "\" type=\"" + kAcquisitionType + "\"/>\n";
+    return "  <link rel=\"" + std::string(relation) +
+           "\" href=\"books?page=" + std::to_string(number) + "\" type=\"" + kAcquisitionType +
+           "\"/>\n";
   };
-  std::string feed = FeedHead("all", "All books", "books?page=" + std::to_string(page),
-                              kAcquisitionType);
+  std::string feed =
+      FeedHead("all", "All books", "books?page=" + std::to_string(page), kAcquisitionType);
   feed += "  <link rel=\"up\" href=\"/opds/\" type=\"" + std::string(kNavigationType) + "\"/>\n";
   feed += link("first", 1) + link("last", pages);
   if (page > 1) feed += link("previous", page - 1);
@@ -200,8 +214,8 @@ Json::Value Publication(const CatalogBook& book) {
   metadata["author"] = book.author;  // a plain string; objects and lists are allowed too
   metadata["language"] = book.language;
   metadata["description"] = book.paragraphs[0];
-  Json::Value buy = Link2("/opds/book/" + book.ean, FormatType(book),
-                          "http://opds-spec.org/acquisition/buy");
+  Json::Value buy =
+      Link2("/opds/book/" + book.ean, FormatType(book), "http://opds-spec.org/acquisition/buy");
   buy["properties"]["price"]["value"] = book.price_cents / 100.0;
   buy["properties"]["price"]["currency"] = "EUR";
   publication["links"].append(buy);
@@ -251,7 +265,8 @@ OpdsAnswer Books2() {
 OpdsAnswer Search2(const std::string& terms) {
   Json::Value root = Collection2("Search", "/opds2/search");
   root["publications"] = Json::Value(Json::arrayValue);
-  for (const CatalogBook* book : Matching("", terms)) root["publications"].append(Publication(*book));
+  for (const CatalogBook* book : Matching("", terms))
+    root["publications"].append(Publication(*book));
   return Json2(root);
 }
 

@@ -50,9 +50,10 @@ struct WalkReport {
 };
 
 // Walks the catalogue from `url`: every navigation entry and every next page, sections
-// breadth first and a list's pages one after the other, each address once (start, up and self links are not followed: they lead back). Calls
-// `on_book` for every distinct book (by EAN) and `on_progress` after every feed. False with
-// *error set only when the first feed cannot be read; later failures are counted.
+// breadth first and a list's pages one after the other, each address once (start, up and self links
+// are not followed: they lead back). Calls `on_book` for every distinct book (by EAN) and
+// `on_progress` after every feed. False with *error set only when the first feed cannot be read;
+// later failures are counted.
 bool WalkCatalog(const std::string& url, const WalkLimits& limits,
                  const std::function<bool(const CatalogEntry&)>& on_book,
                  const std::function<void(const WalkReport&, int books)>& on_progress,

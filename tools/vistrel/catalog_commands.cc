@@ -220,7 +220,8 @@ int RunCatalog(const std::vector<std::string>& words) {
     }
     path.push_back(static_cast<int>(number));
   }
-  if (args.Has("--all") && args.Has("--search")) return Usage("--all and --search exclude each other");
+  if (args.Has("--all") && args.Has("--search"))
+    return Usage("--all and --search exclude each other");
   int code = 0;
   StoreManager* store = StartStore(&code);
   if (store == nullptr) return code;

@@ -243,7 +243,8 @@ void AtomReader::StartLink(const char** attributes) {
     if (attribute.local == "facetGroup") {
       link.facet_group = CutText(attributes[i + 1], limits_.max_text_bytes);
     }
-    if (attribute.local == "activeFacet") link.active_facet = !std::strcmp(attributes[i + 1], "true");
+    if (attribute.local == "activeFacet")
+      link.active_facet = !std::strcmp(attributes[i + 1], "true");
   }
   if (!Charge(link.href.size() + link.rel.size() + link.type.size() + link.title.size() +
               link.facet_group.size() + sizeof(Link))) {
@@ -256,7 +257,8 @@ void AtomReader::StartLink(const char** attributes) {
 
 void AtomReader::StartIndirect(const char** attributes) {
   const bool open_parent = static_cast<int>(indirect_.size()) == depth_ - link_depth_ - 1;
-  std::vector<IndirectType>& siblings = indirect_.empty() ? link_->indirect : indirect_.back()->nested;
+  std::vector<IndirectType>& siblings =
+      indirect_.empty() ? link_->indirect : indirect_.back()->nested;
   if (!open_parent || indirect_skipped_ > 0 ||
       static_cast<int>(indirect_.size()) >= limits_.max_indirect_depth ||
       static_cast<int>(siblings.size()) >= limits_.max_links_per_entry) {
@@ -315,29 +317,58 @@ void AtomReader::End(const Name& name) {
 void AtomReader::Store(Field field, std::string text) {
   if (!Charge(text.size())) return;
   switch (field) {
-    case Field::kFeedId: feed_->id = std::move(text); break;
-    case Field::kFeedTitle: feed_->title = std::move(text); break;
-    case Field::kFeedUpdated: feed_->updated = std::move(text); break;
-    case Field::kId: entry_->id = std::move(text); break;
-    case Field::kTitle: entry_->title = std::move(text); break;
-    case Field::kUpdated: entry_->updated = std::move(text); break;
+    case Field::kFeedId:
+      feed_->id = std::move(text);
+      break;
+    case Field::kFeedTitle:
+      feed_->title = std::move(text);
+      break;
+    case Field::kFeedUpdated:
+      feed_->updated = std::move(text);
+      break;
+    case Field::kId:
+      entry_->id = std::move(text);
+      break;
+    case Field::kTitle:
+      entry_->title = std::move(text);
+      break;
+    case Field::kUpdated:
+      entry_->updated = std::move(text);
+      break;
     case Field::kPublished:
       if (entry_->issued.empty()) entry_->issued = std::move(text);
       break;
-    case Field::kIssued: entry_->issued = std::move(text); break;
-    case Field::kSummary: entry_->summary = std::move(text); break;
-    case Field::kContent: entry_->content = std::move(text); break;
+    case Field::kIssued:
+      entry_->issued = std::move(text);
+      break;
+    case Field::kSummary:
+      entry_->summary = std::move(text);
+      break;
+    case Field::kContent:
+      entry_->content = std::move(text);
+      break;
     case Field::kIdentifier:
       if (static_cast<int>(entry_->identifiers.size()) < limits_.max_links_per_entry) {
         entry_->identifiers.push_back(std::move(text));
       }
       break;
-    case Field::kLanguage: entry_->language = std::move(text); break;
-    case Field::kPublisher: entry_->publisher = std::move(text); break;
-    case Field::kAuthorName: entry_->authors.back().name = std::move(text); break;
-    case Field::kAuthorUri: entry_->authors.back().uri = resolver_.Resolve(text); break;
-    case Field::kPrice: link_->price = std::move(text); break;
-    case Field::kNone: break;
+    case Field::kLanguage:
+      entry_->language = std::move(text);
+      break;
+    case Field::kPublisher:
+      entry_->publisher = std::move(text);
+      break;
+    case Field::kAuthorName:
+      entry_->authors.back().name = std::move(text);
+      break;
+    case Field::kAuthorUri:
+      entry_->authors.back().uri = resolver_.Resolve(text);
+      break;
+    case Field::kPrice:
+      link_->price = std::move(text);
+      break;
+    case Field::kNone:
+      break;
   }
 }
 

@@ -51,7 +51,8 @@ bool FetchDocument(const std::string& url, std::string* body, std::string* final
     long status = 0;
     std::vector<char> answer;
     std::vector<std::pair<std::string, std::string>> headers;
-    const int code = runner.PerformRequest(request, &status, &answer, options.time_limit_s, &headers);
+    const int code =
+        runner.PerformRequest(request, &status, &answer, options.time_limit_s, &headers);
     if (code != 0) {
       *error = "cannot fetch " + address + ": " + curl_easy_strerror(static_cast<CURLcode>(code));
       return false;
@@ -77,13 +78,13 @@ bool FetchDocument(const std::string& url, std::string* body, std::string* final
     *content_type = HeaderValue(headers, "Content-Type");
     return true;
   }
-  *error = "cannot fetch " + url + ": more than " + std::to_string(options.max_redirects) +
-           " redirects";
+  *error =
+      "cannot fetch " + url + ": more than " + std::to_string(options.max_redirects) + " redirects";
   return false;
 }
 
-bool FetchFeed(const std::string& url, Feed* feed, std::string* error,
-               const FetchOptions& options, FetchFailure* failure) {
+bool FetchFeed(const std::string& url, Feed* feed, std::string* error, const FetchOptions& options,
+               FetchFailure* failure) {
   std::string body, final_url, content_type;
   if (!FetchDocument(url, &body, &final_url, &content_type, error, options, failure)) {
     return false;

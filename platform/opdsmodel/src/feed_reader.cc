@@ -41,7 +41,9 @@ class DescriptionReader {
   static void XMLCALL OnStart(void* self, const char* name, const char** attributes) {
     static_cast<DescriptionReader*>(self)->Start(name, attributes);
   }
-  static void XMLCALL OnEnd(void* self, const char*) { --static_cast<DescriptionReader*>(self)->depth_; }
+  static void XMLCALL OnEnd(void* self, const char*) {
+    --static_cast<DescriptionReader*>(self)->depth_;
+  }
 
   // A description that declares entities is not read (they could expand without bound).
   static void XMLCALL OnEntityDeclaration(void* self, const XML_Char*, int, const XML_Char*, int,
@@ -107,13 +109,12 @@ Format DetectFormat(const std::string& content_type, const std::string& body) {
   if (Contains(content_type, "json")) return Format::kOpds2;
   if (Contains(content_type, "xml")) return Format::kAtom;
   const size_t first = body.find_first_not_of(" \t\r\n\xef\xbb\xbf");
-  return first != std::string::npos && (body[first] == '{' || body[first] == '[')
-             ? Format::kOpds2
-             : Format::kAtom;
+  return first != std::string::npos && (body[first] == '{' || body[first] == '[') ? Format::kOpds2
+                                                                                  : Format::kAtom;
 }
 
-bool ParseFeed(const std::string& body, const std::string& base_url, Feed* feed,
-               std::string* error, const Limits& limits) {
+bool ParseFeed(const std::string& body, const std::string& base_url, Feed* feed, std::string* error,
+               const Limits& limits) {
   return DetectFormat(std::string(), body) == Format::kOpds2
              ? ParseOpds2Feed(body, base_url, feed, error, limits)
              : ParseAtomFeed(body, base_url, feed, error, limits);

@@ -202,7 +202,8 @@ void Opds2Reader::ReadPublication(const Json::Value& publication, Entry* entry) 
     entry->id = Text(metadata["identifier"]);
     if (!entry->id.empty()) entry->identifiers.push_back(entry->id);
     const Json::Value& title = metadata["title"];
-    entry->title = CollapseBlanks(Text(title.isObject() && !title.empty() ? *title.begin() : title));
+    entry->title =
+        CollapseBlanks(Text(title.isObject() && !title.empty() ? *title.begin() : title));
     ReadAuthors(metadata["author"], entry);
     const Json::Value& language = metadata["language"];
     entry->language = Text(language.isArray() && !language.empty() ? language[0] : language);
@@ -228,7 +229,8 @@ void Opds2Reader::ReadPublication(const Json::Value& publication, Entry* entry) 
       if (!ReadLink(item, &link) || !budget_.Charge(sizeof(Link))) continue;
       // Images come largest first by convention: the first is the cover, a second one the
       // thumbnail.
-      if (key[0] == 'i' && link.rel.empty()) link.rel = image++ == 0 ? rel::kImage : rel::kThumbnail;
+      if (key[0] == 'i' && link.rel.empty())
+        link.rel = image++ == 0 ? rel::kImage : rel::kThumbnail;
       entry->links.push_back(std::move(link));
     }
   }

@@ -36,10 +36,10 @@ size_t DecodeReference(const std::string& text, size_t at, std::string* out) {
   static const struct {
     const char* name;
     const char* text;
-  } kNamed[] = {{"amp", "&"},   {"lt", "<"},     {"gt", ">"},         {"quot", "\""},
-                {"apos", "'"},  {"nbsp", " "},   {"mdash", "\u2014"}, {"ndash", "\u2013"},
-                {"hellip", "\u2026"}, {"rsquo", "\u2019"}, {"lsquo", "\u2018"},
-                {"rdquo", "\u201d"}, {"ldquo", "\u201c"}};
+  } kNamed[] = {{"amp", "&"},         {"lt", "<"},         {"gt", ">"},         {"quot", "\""},
+                {"apos", "'"},        {"nbsp", " "},       {"mdash", "\u2014"}, {"ndash", "\u2013"},
+                {"hellip", "\u2026"}, {"rsquo", "\u2019"}, {"lsquo", "\u2018"}, {"rdquo", "\u201d"},
+                {"ldquo", "\u201c"}};
   for (const auto& named : kNamed) {
     if (name == named.name) {
       *out += named.text;

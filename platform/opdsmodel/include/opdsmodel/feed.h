@@ -62,8 +62,8 @@ struct Link {
   std::string rel;   // as the server wrote it ("" for none); see IsAcquisition()
   std::string type;  // MIME type with its parameters, "" when not given
   std::string title;
-  std::string price;     // the acquisition's price as written ("4.99"), "" when none
-  std::string currency;  // ISO 4217 code of the price ("EUR"), "" when none
+  std::string price;        // the acquisition's price as written ("4.99"), "" when none
+  std::string currency;     // ISO 4217 code of the price ("EUR"), "" when none
   std::string facet_group;  // the facet group of a facet link
   bool active_facet = false;
   std::vector<IndirectType> indirect;  // formats nested in this acquisition
@@ -98,8 +98,8 @@ struct Entry {
   // Plain text: HTML and XHTML markup is reduced to its text, blanks collapsed.
   std::string summary;
   std::string content;
-  std::string issued;     // dc:issued / published, as written
-  std::string updated;    // as written
+  std::string issued;   // dc:issued / published, as written
+  std::string updated;  // as written
   std::string publisher;
   std::vector<Category> categories;
   std::vector<Link> links;

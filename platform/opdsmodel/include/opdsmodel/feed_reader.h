@@ -18,12 +18,12 @@ namespace opds {
 // sets Feed::truncated and stops; a single over-long text is cut to its limit instead.
 struct Limits {
   int max_entries = 5000;
-  int max_links_per_entry = 64;     // also authors, identifiers and categories of an entry
-  int max_feed_links = 256;         // the feed's own links (facets can be many)
-  int max_depth = 64;               // element or JSON nesting
-  int max_indirect_depth = 4;       // acquisitions nested in acquisitions
-  size_t max_text_bytes = 64 * 1024;       // one title, summary, address, ...
-  int64_t max_model_bytes = 16 << 20;      // everything the feed's model stores, estimated
+  int max_links_per_entry = 64;        // also authors, identifiers and categories of an entry
+  int max_feed_links = 256;            // the feed's own links (facets can be many)
+  int max_depth = 64;                  // element or JSON nesting
+  int max_indirect_depth = 4;          // acquisitions nested in acquisitions
+  size_t max_text_bytes = 64 * 1024;   // one title, summary, address, ...
+  int64_t max_model_bytes = 16 << 20;  // everything the feed's model stores, estimated
   // JSON values an OPDS 2 document may hold; a larger one is refused before it is parsed
   // (the parsed tree costs many times the text of tiny values).
   int64_t max_json_values = 250000;
@@ -40,8 +40,8 @@ Format DetectFormat(const std::string& content_type, const std::string& body);
 // an OPDS document at all (not XML or JSON, or neither an Atom feed nor an OPDS 2 collection);
 // a document that is cut off or passes a limit still gives what was read before (true,
 // Feed::truncated set). A single Atom entry document is read as a feed of one entry.
-bool ParseFeed(const std::string& body, const std::string& base_url, Feed* feed,
-               std::string* error, const Limits& limits = Limits());
+bool ParseFeed(const std::string& body, const std::string& base_url, Feed* feed, std::string* error,
+               const Limits& limits = Limits());
 // The same with the format given.
 bool ParseAtomFeed(const std::string& body, const std::string& base_url, Feed* feed,
                    std::string* error, const Limits& limits = Limits());
