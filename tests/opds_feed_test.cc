@@ -178,6 +178,14 @@ TEST(OpdsAtomTest, ReadsAStoreFeedWithPricesAndAdobeTickets) {
   ASSERT_EQ(1u, deep.links[0].indirect.size());
   EXPECT_EQ("application/epub+zip", deep.links[0].indirect[0].nested.at(0).type);
   EXPECT_EQ(-1, deep.links[1].PriceCents());  // "3,50" is no number
+  // Prices are read the same in any locale, rounded to the cent.
+  const std::pair<const char*, int64_t> prices[] = {
+      {"10", 1000}, {".5", 50}, {"4.995", 500}, {"0.01", 1}, {"", -1}, {"-1", -1}, {"1e3", -1}};
+  for (const auto& [text, cents] : prices) {
+    opds::Link link;
+    link.price = text;
+    EXPECT_EQ(cents, link.PriceCents()) << text;
+  }
   EXPECT_EQ(nullptr, deep.PriceLink());
   EXPECT_EQ("FB2,EPUB,PDF", Formats(deep, &ticket));
   EXPECT_TRUE(ticket);
@@ -320,7 +328,7 @@ TEST(OpdsHostileTest, HostileFeedsStayBounded) {
   ASSERT_TRUE(opds::ParseFeed(huge_title, "http://h/", &feed, &error));
   EXPECT_EQ(limits.max_text_bytes, feed.entries[0].title.size());
   opds::Limits tight;
-  tight.max_model_bytes = 64 * 1024;
+  tight.max_model_bytes = int64_t{64} * 1024;
   const std::string wide =
       "<feed xmlns=\"http://www.w3.org/2005/Atom\">" +
       Repeat("<entry><title>" + std::string(1000, 'w') + "</title></entry>", 1000) + "</feed>";

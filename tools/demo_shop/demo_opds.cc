@@ -172,7 +172,8 @@ OpdsAnswer Page(const std::map<std::string, std::string>& params) {
   feed += link("first", 1) + link("last", pages);
   if (page > 1) feed += link("previous", page - 1);
   if (page < pages) feed += link("next", page + 1);
-  for (size_t i = (page - 1) * kPageSize; i < all.size() && i < size_t(page) * kPageSize; ++i) {
+  const size_t first = static_cast<size_t>(page - 1) * kPageSize;
+  for (size_t i = first; i < all.size() && i < first + kPageSize; ++i) {
     feed += BookEntry(*all[i]);
   }
   return Atom(feed);

@@ -15,8 +15,6 @@
 namespace vistrel_cli {
 
 using norbel::vistrel::Book;
-using norbel::vistrel::BookStatus;
-using norbel::vistrel::ServerApi;
 using norbel::vistrel::StoreManager;
 
 namespace {

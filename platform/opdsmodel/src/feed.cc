@@ -1,7 +1,6 @@
 #include "opdsmodel/feed.h"
 
 #include <cctype>
-#include <cstdlib>
 
 namespace norbel {
 namespace opds {
@@ -84,16 +83,35 @@ bool Link::IsAcquisition() const {
 }
 
 int64_t Link::PriceCents() const {
-  if (price.empty()) return -1;
-  char* end = nullptr;
-  const double value = std::strtod(price.c_str(), &end);
-  if (end == price.c_str() || *end != '\0' || !(value >= 0) || value > 1e12) return -1;
-  return static_cast<int64_t>(value * 100.0 + 0.5);
+  // Read by hand: strtod would follow the process's locale, and a price is "4.99" in any.
+  size_t at = price.find_first_not_of(' ');
+  if (at == std::string::npos) return -1;
+  int64_t units = 0;
+  size_t digits = 0;
+  for (; at < price.size() && std::isdigit(static_cast<unsigned char>(price[at])); ++at, ++digits) {
+    if (units > 10000000000LL) return -1;  // beyond any price
+    units = units * 10 + (price[at] - '0');
+  }
+  int64_t cents = 0;
+  int round_up = 0;
+  if (at < price.size() && price[at] == '.') {
+    int place = 0;
+    for (++at; at < price.size() && std::isdigit(static_cast<unsigned char>(price[at])); ++at) {
+      const int digit = price[at] - '0';
+      if (place == 0) cents += digit * 10;
+      if (place == 1) cents += digit;
+      if (place == 2) round_up = digit >= 5 ? 1 : 0;
+      ++place;
+      ++digits;
+    }
+  }
+  if (digits == 0 || price.find_first_not_of(' ', at) != std::string::npos) return -1;
+  return units * 100 + cents + round_up;
 }
 
 std::string Entry::Isbn() const {
   for (const std::string& identifier : identifiers) {
-    const std::string isbn = IsbnOf(identifier);
+    std::string isbn = IsbnOf(identifier);
     if (!isbn.empty()) return isbn;
   }
   return std::string();

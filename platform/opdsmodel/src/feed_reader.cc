@@ -161,7 +161,9 @@ std::string FillSearchTemplate(const std::string& url_template, const std::strin
         const std::string variable = name.substr(start, comma - start);
         if (variable == "query" || variable == "searchTerms" || variable == "q") {
           url += lead;
-          url += variable + "=" + encoded;
+          url += variable;
+          url += '=';
+          url += encoded;
           break;
         }
         start = comma + 1;

@@ -22,7 +22,7 @@ struct Limits {
   int max_feed_links = 256;            // the feed's own links (facets can be many)
   int max_depth = 64;                  // element or JSON nesting
   int max_indirect_depth = 4;          // acquisitions nested in acquisitions
-  size_t max_text_bytes = 64 * 1024;   // one title, summary, address, ...
+  size_t max_text_bytes = 64u * 1024;  // one title, summary, address, ...
   int64_t max_model_bytes = 16 << 20;  // everything the feed's model stores, estimated
   // JSON values an OPDS 2 document may hold; a larger one is refused before it is parsed
   // (the parsed tree costs many times the text of tiny values).
