@@ -276,6 +276,9 @@ TEST(OpdsSearchTest, PicksTheOpdsTemplateAndFillsEveryForm) {
            <Url type="text/html" template="/web?q={searchTerms}"/></OpenSearchDescription>)",
       "http://h.example/", &url_template));
   EXPECT_EQ("http://h/s?q=a&query=b", opds::FillSearchTemplate("http://h/s?q=a{&query}", "b"));
+  EXPECT_EQ("http://h/s?q=a%2Fb",
+            opds::FillSearchTemplate("http://h/s?q=%7BsearchTerms%7D", "a/b"));
+  EXPECT_TRUE(opds::IsSearchTemplate("http://h/s?q=%7bsearchTerms%7d"));
   EXPECT_TRUE(opds::IsSearchTemplate("http://h/s{?query}"));
   EXPECT_FALSE(opds::IsSearchTemplate("http://h/opensearch.xml"));
 }

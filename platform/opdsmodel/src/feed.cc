@@ -97,7 +97,7 @@ int64_t Link::PriceCents() const {
   if (at < price.size() && price[at] == '.') {
     int place = 0;
     for (++at; at < price.size() && std::isdigit(static_cast<unsigned char>(price[at])); ++at) {
-      const int digit = price[at] - '0';
+      const int64_t digit = price[at] - '0';
       if (place == 0) cents += digit * 10;
       if (place == 1) cents += digit;
       if (place == 2) round_up = digit >= 5 ? 1 : 0;

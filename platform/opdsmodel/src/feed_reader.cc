@@ -137,7 +137,23 @@ bool ParseOpenSearchDescription(const std::string& body, const std::string& base
   return true;
 }
 
-std::string FillSearchTemplate(const std::string& url_template, const std::string& terms) {
+namespace {
+
+// Some servers percent-encode the braces of "{searchTerms}" in their links.
+std::string DecodedTemplate(std::string url_template) {
+  for (const char* encoded : {"%7BsearchTerms%7D", "%7bsearchTerms%7d"}) {
+    for (size_t at = url_template.find(encoded); at != std::string::npos;
+         at = url_template.find(encoded, at)) {
+      url_template.replace(at, std::strlen(encoded), "{searchTerms}");
+    }
+  }
+  return url_template;
+}
+
+}  // namespace
+
+std::string FillSearchTemplate(const std::string& encoded_template, const std::string& terms) {
+  const std::string url_template = DecodedTemplate(encoded_template);
   const std::string encoded = PercentEncode(terms);
   std::string url;
   size_t at = 0;
@@ -182,7 +198,8 @@ std::string FillSearchTemplate(const std::string& url_template, const std::strin
 }
 
 bool IsSearchTemplate(const std::string& href) {
-  return Contains(href, "{searchTerms") || Contains(href, "{?") || Contains(href, "{&");
+  return Contains(href, "{searchTerms") || Contains(href, "{?") || Contains(href, "{&") ||
+         Contains(DecodedTemplate(href), "{searchTerms}");
 }
 
 }  // namespace opds

@@ -61,40 +61,13 @@ size_t DecodeReference(const std::string& text, size_t at, std::string* out) {
 
 std::string Resolver::Resolve(const std::string& href) const {
   if (href.empty()) return href;
-  // curl's parser may refuse the braces of a template: they travel percent-encoded and come
-  // back afterwards.
-  std::string escaped;
-  for (char c : href) {
-    if (c == '{') {
-      escaped += "%7B";
-    } else if (c == '}') {
-      escaped += "%7D";
-    } else {
-      escaped += c;
-    }
-  }
-  std::string resolved = base_.Resolve(escaped);
-  if (resolved.empty()) {
-    // No usable base: an absolute address still parses on its own.
-    utilities::Url alone(escaped);
-    if (!alone.IsValid()) return href;
-    resolved = alone.Resolve(escaped);
-    if (resolved.empty()) return href;
-  }
-  if (escaped.size() == href.size()) return resolved;
-  std::string restored;
-  for (size_t i = 0; i < resolved.size(); ++i) {
-    if (resolved.compare(i, 3, "%7B") == 0) {
-      restored += '{';
-      i += 2;
-    } else if (resolved.compare(i, 3, "%7D") == 0) {
-      restored += '}';
-      i += 2;
-    } else {
-      restored += resolved[i];
-    }
-  }
-  return restored;
+  // curl keeps a template's braces as they are and encodes blanks and 8-bit bytes.
+  std::string resolved = base_.Resolve(href);
+  if (!resolved.empty()) return resolved;
+  // No usable base: an absolute address still parses on its own.
+  const utilities::Url alone(href);
+  if (alone.IsValid()) resolved = alone.Resolve(href);
+  return resolved.empty() ? href : resolved;
 }
 
 std::string HtmlToText(const std::string& html) {

@@ -18,12 +18,12 @@ namespace opds {
 // sets Feed::truncated and stops; a single over-long text is cut to its limit instead.
 struct Limits {
   int max_entries = 5000;
-  int max_links_per_entry = 64;        // also authors, identifiers and categories of an entry
-  int max_feed_links = 256;            // the feed's own links (facets can be many)
-  int max_depth = 64;                  // element or JSON nesting
-  int max_indirect_depth = 4;          // acquisitions nested in acquisitions
-  size_t max_text_bytes = 64u * 1024;  // one title, summary, address, ...
-  int64_t max_model_bytes = 16 << 20;  // everything the feed's model stores, estimated
+  int max_links_per_entry = 64;  // also authors, identifiers and categories of an entry
+  int max_feed_links = 256;      // the feed's own links (facets can be many)
+  int max_depth = 64;            // element or JSON nesting
+  int max_indirect_depth = 4;    // acquisitions nested in acquisitions
+  size_t max_text_bytes = size_t{64} * 1024;  // one title, summary, address, ...
+  int64_t max_model_bytes = 16 << 20;         // everything the feed's model stores, estimated
   // JSON values an OPDS 2 document may hold; a larger one is refused before it is parsed
   // (the parsed tree costs many times the text of tiny values).
   int64_t max_json_values = 250000;
@@ -62,6 +62,8 @@ bool ParseOpenSearchDescription(const std::string& body, const std::string& base
 // "{&query}") becomes "?query=<terms>" with its other variables left out.
 std::string FillSearchTemplate(const std::string& url_template, const std::string& terms);
 // True when `href` is a template (holds "{searchTerms}" or a "{?...}" / "{&...}" expression).
+// Here and in FillSearchTemplate, "%7BsearchTerms%7D" counts as "{searchTerms}": some servers
+// percent-encode the braces of their links.
 bool IsSearchTemplate(const std::string& href);
 
 }  // namespace opds
