@@ -76,7 +76,7 @@ class AtomReader {
   AtomReader(const std::string& base_url, Feed* feed, const Limits& limits)
       : feed_(feed), limits_(limits), budget_(limits.max_model_bytes), resolver_(base_url) {}
 
-  bool Read(const std::string& body, std::string* error);
+  bool Read(std::string_view body, std::string* error);
 
  private:
   static void XMLCALL OnStart(void* self, const char* name, const char** attributes) {
@@ -376,7 +376,7 @@ struct ParserDeleter {
   void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
 };
 
-bool AtomReader::Read(const std::string& body, std::string* error) {
+bool AtomReader::Read(std::string_view body, std::string* error) {
   std::unique_ptr<XML_ParserStruct, ParserDeleter> parser(XML_ParserCreateNS(nullptr, kSeparator));
   if (!parser) {
     *error = "cannot set up the XML parser";
@@ -425,7 +425,7 @@ bool AtomReader::Read(const std::string& body, std::string* error) {
 
 }  // namespace
 
-bool ParseAtomFeed(const std::string& body, const std::string& base_url, Feed* feed,
+bool ParseAtomFeed(std::string_view body, const std::string& base_url, Feed* feed,
                    std::string* error, const Limits& limits) {
   *feed = Feed();
   feed->url = base_url;

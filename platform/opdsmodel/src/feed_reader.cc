@@ -105,22 +105,23 @@ std::string ParameterDefault(const std::string& name) {
 
 }  // namespace
 
-Format DetectFormat(const std::string& content_type, const std::string& body) {
+Format DetectFormat(const std::string& content_type, std::string_view body) {
   if (Contains(content_type, "json")) return Format::kOpds2;
   if (Contains(content_type, "xml")) return Format::kAtom;
   const size_t first = body.find_first_not_of(" \t\r\n\xef\xbb\xbf");
-  return first != std::string::npos && (body[first] == '{' || body[first] == '[') ? Format::kOpds2
-                                                                                  : Format::kAtom;
+  return first != std::string_view::npos && (body[first] == '{' || body[first] == '[')
+             ? Format::kOpds2
+             : Format::kAtom;
 }
 
-bool ParseFeed(const std::string& body, const std::string& base_url, Feed* feed, std::string* error,
+bool ParseFeed(std::string_view body, const std::string& base_url, Feed* feed, std::string* error,
                const Limits& limits) {
   return DetectFormat(std::string(), body) == Format::kOpds2
              ? ParseOpds2Feed(body, base_url, feed, error, limits)
              : ParseAtomFeed(body, base_url, feed, error, limits);
 }
 
-bool ParseOpenSearchDescription(const std::string& body, const std::string& base_url,
+bool ParseOpenSearchDescription(std::string_view body, const std::string& base_url,
                                 std::string* url_template) {
   std::unique_ptr<XML_ParserStruct, ParserDeleter> parser(XML_ParserCreateNS(nullptr, '\x01'));
   if (!parser) return false;

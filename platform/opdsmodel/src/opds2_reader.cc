@@ -15,7 +15,7 @@ namespace {
 // How many values the document can hold at most: every value but the first follows a '[',
 // ',' or ':' outside a string. Counted before parsing, so that a document of many tiny
 // values cannot make jsoncpp's tree many times larger than the document.
-int64_t CountValues(const std::string& body) {
+int64_t CountValues(std::string_view body) {
   int64_t count = 1;
   bool in_string = false;
   for (size_t i = 0; i < body.size(); ++i) {
@@ -273,7 +273,7 @@ void Opds2Reader::Read(const Json::Value& root) {
 
 }  // namespace
 
-bool ParseOpds2Feed(const std::string& body, const std::string& base_url, Feed* feed,
+bool ParseOpds2Feed(std::string_view body, const std::string& base_url, Feed* feed,
                     std::string* error, const Limits& limits) {
   *feed = Feed();
   feed->url = base_url;

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "opdsmodel/feed.h"
 
@@ -33,26 +34,26 @@ struct Limits {
 enum class Format { kAtom, kOpds2 };
 // Decides from the declared content type ("application/opds+json", "application/json" ->
 // kOpds2; atom or xml -> kAtom) and, when that says nothing, from the first non-blank byte.
-Format DetectFormat(const std::string& content_type, const std::string& body);
+Format DetectFormat(const std::string& content_type, std::string_view body);
 
 // Reads `body` (either format, see DetectFormat) into `*feed`, resolving its links against
 // `base_url` (the address it came from). Returns false with `*error` set when the body is not
 // an OPDS document at all (not XML or JSON, or neither an Atom feed nor an OPDS 2 collection);
 // a document that is cut off or passes a limit still gives what was read before (true,
 // Feed::truncated set). A single Atom entry document is read as a feed of one entry.
-bool ParseFeed(const std::string& body, const std::string& base_url, Feed* feed, std::string* error,
+bool ParseFeed(std::string_view body, const std::string& base_url, Feed* feed, std::string* error,
                const Limits& limits = Limits());
 // The same with the format given.
-bool ParseAtomFeed(const std::string& body, const std::string& base_url, Feed* feed,
+bool ParseAtomFeed(std::string_view body, const std::string& base_url, Feed* feed,
                    std::string* error, const Limits& limits = Limits());
-bool ParseOpds2Feed(const std::string& body, const std::string& base_url, Feed* feed,
+bool ParseOpds2Feed(std::string_view body, const std::string& base_url, Feed* feed,
                     std::string* error, const Limits& limits = Limits());
 
 // Reads an OpenSearch description document and picks the template that answers with an OPDS
 // feed: a Url whose type is an Atom or OPDS type (preferring an OPDS catalogue profile), never
 // an HTML one. The template is resolved against `base_url` and keeps its placeholders. False
 // when the document holds no such template.
-bool ParseOpenSearchDescription(const std::string& body, const std::string& base_url,
+bool ParseOpenSearchDescription(std::string_view body, const std::string& base_url,
                                 std::string* url_template);
 
 // Fills a search template with `terms`: OpenSearch "{searchTerms}" gets the terms
