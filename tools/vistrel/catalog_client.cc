@@ -70,8 +70,10 @@ bool WalkCatalog(const std::string& url, const WalkLimits& limits,
       queue.push_back(key);
     }
   };
+  const auto deadline = std::chrono::steady_clock::now() + limits.max_time;
   while (!queue.empty()) {
-    if (report->feeds_read + report->feeds_failed >= limits.max_feeds) {
+    if (report->feeds_read + report->feeds_failed >= limits.max_feeds ||
+        std::chrono::steady_clock::now() >= deadline) {
       report->limit_reached = true;
       break;
     }

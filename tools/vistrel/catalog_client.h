@@ -3,6 +3,7 @@
 #ifndef TOOLS_VISTREL_CATALOG_CLIENT_H_
 #define TOOLS_VISTREL_CATALOG_CLIENT_H_
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -37,6 +38,8 @@ bool IsBook(const norbel::opds::Entry& entry);
 struct WalkLimits {
   int max_feeds = 200;   // feeds fetched, pages included
   int max_books = 5000;  // distinct books listed
+  // No feed is fetched after this long (each fetch has its own limit of 30 s besides).
+  std::chrono::seconds max_time{600};
 };
 
 // What a walk saw; `on_book` may end it early by returning false.
