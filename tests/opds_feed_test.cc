@@ -258,6 +258,51 @@ TEST(OpdsJsonTest, ReadsCollectionsGroupsAndEveryAuthorForm) {
   EXPECT_EQ("https://shelf.example/p/3", feed.entries[3].Ean());  // its self link
 }
 
+// What careless or older servers send: no Atom namespace, a Latin-1 document, a lone entry
+// document, stray HTML entities, OPDS 2 titles and names by language.
+TEST(OpdsAtomTest, ReadsWhatCarelessServersSend) {
+  const opds::Feed bare = Parse(
+      "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<feed><title>Caf\xe9</title>"
+      "<entry><title>B\xfc"
+      "cher</title><id>1</id><link rel=\"http://opds-spec.org/acquisition\" "
+      "href=\"b.epub\" type=\"application/epub+zip\"/></entry></feed>",
+      "http://h.example/x/");
+  EXPECT_EQ("Caf\xc3\xa9", bare.title);
+  ASSERT_EQ(1u, bare.entries.size());
+  EXPECT_EQ(
+      "B\xc3\xbc"
+      "cher",
+      bare.entries[0].title);
+  EXPECT_EQ("http://h.example/x/b.epub", bare.entries[0].links.at(0).href);
+
+  const opds::Feed lone = Parse(
+      "<entry xmlns=\"http://www.w3.org/2005/Atom\"><title>Alone</title>"
+      "<link rel=\"http://opds-spec.org/acquisition/buy\" href=\"/b\" type=\"application/pdf\"/>"
+      "</entry>",
+      "http://h.example/e/1");
+  ASSERT_EQ(1u, lone.entries.size());
+  EXPECT_EQ("Alone", lone.entries[0].title);
+
+  // "&nbsp;" is no XML entity: the reader stops there and keeps what came before.
+  const opds::Feed stray = Parse(
+      "<feed xmlns=\"http://www.w3.org/2005/Atom\"><entry><title>Kept</title></entry>"
+      "<entry><title>A&nbsp;B</title></entry></feed>",
+      "http://h.example/");
+  EXPECT_TRUE(stray.truncated);
+  ASSERT_GE(stray.entries.size(), 1u);
+  EXPECT_EQ("Kept", stray.entries[0].title);
+
+  const opds::Feed languages = Parse(
+      R"({"metadata": {"title": "L"}, "publications": [{"metadata": {
+           "title": {"fr": "Le Titre", "en": "The Title"},
+           "author": {"name": {"en": "Ann"}}}, "links": []}]})",
+      "http://h.example/");
+  ASSERT_EQ(1u, languages.entries.size());
+  EXPECT_FALSE(languages.entries[0].title.empty());
+  EXPECT_EQ("Ann", languages.entries[0].AuthorNames());
+  EXPECT_EQ(nullptr, languages.entries[0].NavigationLink());
+}
+
 TEST(OpdsSearchTest, PicksTheOpdsTemplateAndFillsEveryForm) {
   const char description[] = R"(<?xml version="1.0"?>
 <OpenSearchDescription xmlns="http://a9.com/-/spec/opensearch/1.1/">
