@@ -391,7 +391,10 @@ TEST(OpdsHostileTest, HostileFeedsStayBounded) {
   EXPECT_EQ("Ticketed", feed.entries.at(0).title);
 
   // JSON: too deep, too many values, or not a collection at all.
-  EXPECT_FALSE(opds::ParseFeed("{\"a\":" + Repeat("[", 100000), "http://h/", &feed, &error));
+  // JSON nested 100000 deep but well formed: refused at the depth limit, not by recursion.
+  EXPECT_FALSE(opds::ParseFeed("{\"a\":" + Repeat("[", 100000) + Repeat("]", 100000) + "}",
+                               "http://h/", &feed, &error));
+  EXPECT_NE(std::string::npos, error.find("nested")) << error;
   EXPECT_FALSE(opds::ParseFeed("{\"publications\":[" + Repeat("0,", 300000) + "0]}", "http://h/",
                                &feed, &error));
   EXPECT_NE(std::string::npos, error.find("too large")) << error;
