@@ -182,12 +182,12 @@ TEST_F(VistrelCliTest, CatalogueWalksStayBounded) {
   catalogue.Set("/html",
                 vistrel_test::Answer("<html><body>Sign in</body></html>", 200, "text/html"));
   ASSERT_EQ("0 ", Vistrel(shop, {"init"}).Said());
-  const Outcome walk =
-      Vistrel(shop, {"catalog", "--all", "--feed", catalogue.base_url() + "/root"});
-  EXPECT_EQ("0 read 200 feeds, 199 books (stopped at the walk's limit)\n", walk.Said());
-  EXPECT_EQ(199, std::count(walk.out.begin(), walk.out.end(), '\n'));
+  const Outcome walk = Vistrel(
+      shop, {"catalog", "--all", "--max-feeds", "40", "--feed", catalogue.base_url() + "/root"});
+  EXPECT_EQ("0 read 40 feeds, 39 books (stopped at the walk's limit)\n", walk.Said());
+  EXPECT_EQ(39, std::count(walk.out.begin(), walk.out.end(), '\n'));
   EXPECT_EQ(1u, catalogue.requests("/root").size());
-  EXPECT_EQ(199u, catalogue.requests("/page").size());
+  EXPECT_EQ(39u, catalogue.requests("/page").size());
 
   const Outcome html = Vistrel(shop, {"catalog", "--feed", catalogue.base_url() + "/html"});
   EXPECT_EQ("1 vistrel: catalogue unreadable: " + catalogue.base_url() +

@@ -57,28 +57,35 @@ bool WalkCatalog(const std::string& url, const WalkLimits& limits,
                  const std::function<void(const WalkReport&, int books)>& on_progress,
                  WalkReport* report, std::string* error) {
   *report = WalkReport();
-  std::deque<std::string> queue{WithoutFragment(url)};
-  std::set<std::string> seen{queue.front()};
+  // Three queues, read in this order: the next page of the list being read (so that a list
+  // stays together), lists of books, and sections that lead to further sections.
+  std::deque<std::string> pages{WithoutFragment(url)}, lists, sections;
+  std::set<std::string> seen{pages.front()};
   std::set<std::string> books;
-  // A list's next page is read before the sections found so far: a list stays together.
-  auto visit = [&](const std::string& address, bool next_page) {
-    const std::string key = WithoutFragment(address);
-    if (key.empty() || !seen.insert(key).second) return;
-    if (next_page) {
-      queue.push_front(key);
-    } else {
-      queue.push_back(key);
+  auto visit = [&](const opds::Link& link, std::deque<std::string>* queue) {
+    const std::string key = WithoutFragment(link.href);
+    if (key.empty() || seen.count(key) != 0) return;
+    if (static_cast<int>(seen.size()) >= limits.max_addresses) {
+      report->limit_reached = true;
+      return;
     }
+    seen.insert(key);
+    queue->push_back(key);
+  };
+  auto next_address = [&]() {
+    std::deque<std::string>* queue = !pages.empty() ? &pages : !lists.empty() ? &lists : &sections;
+    std::string address = queue->front();
+    queue->pop_front();
+    return address;
   };
   const auto deadline = std::chrono::steady_clock::now() + limits.max_time;
-  while (!queue.empty()) {
+  while (!pages.empty() || !lists.empty() || !sections.empty()) {
     if (report->feeds_read + report->feeds_failed >= limits.max_feeds ||
         std::chrono::steady_clock::now() >= deadline) {
       report->limit_reached = true;
       break;
     }
-    const std::string address = queue.front();
-    queue.pop_front();
+    const std::string address = next_address();
     opds::Feed feed;
     std::string feed_error;
     opds::FetchFailure failure = opds::FetchFailure::kNone;
@@ -96,7 +103,11 @@ bool WalkCatalog(const std::string& url, const WalkLimits& limits,
     seen.insert(WithoutFragment(feed.url));  // where a redirect led
     for (const opds::Entry& entry : feed.entries) {
       if (!IsBook(entry)) {
-        if (const opds::Link* link = entry.NavigationLink()) visit(link->href, false);
+        const opds::Link* link = entry.NavigationLink();
+        if (link != nullptr) {
+          visit(*link,
+                link->type.find("kind=acquisition") != std::string::npos ? &lists : &sections);
+        }
         continue;
       }
       const CatalogEntry book = ToCatalogEntry(entry);
@@ -111,7 +122,7 @@ bool WalkCatalog(const std::string& url, const WalkLimits& limits,
         return true;
       }
     }
-    if (const opds::Link* next = feed.FindLink(opds::rel::kNext)) visit(next->href, true);
+    if (const opds::Link* next = feed.FindLink(opds::rel::kNext)) visit(*next, &pages);
     if (on_progress) on_progress(*report, static_cast<int>(books.size()));
   }
   return true;

@@ -36,8 +36,9 @@ CatalogEntry ToCatalogEntry(const norbel::opds::Entry& entry);
 bool IsBook(const norbel::opds::Entry& entry);
 
 struct WalkLimits {
-  int max_feeds = 200;   // feeds fetched, pages included
-  int max_books = 5000;  // distinct books listed
+  int max_feeds = 1000;       // feeds fetched, pages included
+  int max_books = 50000;      // distinct books listed
+  int max_addresses = 20000;  // feed addresses remembered (read or waiting)
   // No feed is fetched after this long (each fetch has its own limit of 30 s besides).
   std::chrono::seconds max_time{600};
 };
@@ -52,8 +53,9 @@ struct WalkReport {
   norbel::opds::FetchFailure root_failure = norbel::opds::FetchFailure::kNone;
 };
 
-// Walks the catalogue from `url`: every navigation entry and every next page, sections
-// breadth first and a list's pages one after the other, each address once (start, up and self links
+// Walks the catalogue from `url`: every navigation entry and every next page, each address
+// once: a list's pages one after the other, then lists of books (acquisition feeds) before
+// sections of sections (start, up and self links
 // are not followed: they lead back). Calls `on_book` for every distinct book (by EAN) and
 // `on_progress` after every feed. False with *error set only when the first feed cannot be read;
 // later failures are counted.

@@ -91,13 +91,13 @@ void PrintFeed(StoreManager* store, const opds::Feed& feed) {
   }
 }
 
-int ListAll(StoreManager* store, const std::string& url) {
+int ListAll(StoreManager* store, const std::string& url, const WalkLimits& limits) {
   const bool terminal = isatty(STDERR_FILENO) == 1;
   WalkReport report;
   std::string error;
   int books = 0;
   const bool read = WalkCatalog(
-      url, WalkLimits(),
+      url, limits,
       [store](const CatalogEntry& book) {
         PrintBook(store, book);
         return true;
@@ -208,7 +208,16 @@ int RunCart(const std::vector<std::string>& words) {
 int RunCatalog(const std::vector<std::string>& words) {
   Args args;
   std::string error;
-  if (!ParseArgs(words, {"--feed", "--search"}, {"--all"}, &args, &error)) return Usage(error);
+  if (!ParseArgs(words, {"--feed", "--search", "--max-feeds"}, {"--all"}, &args, &error)) {
+    return Usage(error);
+  }
+  WalkLimits limits;
+  if (args.Has("--max-feeds")) {
+    char* end = nullptr;
+    const long feeds = std::strtol(args.Get("--max-feeds").c_str(), &end, 10);
+    if (*end != '\0' || feeds < 1 || feeds > 1000000) return Usage("--max-feeds wants a number");
+    limits.max_feeds = static_cast<int>(feeds);
+  }
   std::vector<int> path;
   for (const std::string& word : args.positional) {
     char* end = nullptr;
@@ -232,7 +241,7 @@ int RunCatalog(const std::vector<std::string>& words) {
     if (opened != kExitOk) return opened;
     url = feed.url;
   }
-  if (args.Has("--all")) return ListAll(store, url);
+  if (args.Has("--all")) return ListAll(store, url, limits);
   if (args.Has("--search")) return Search(store, feed, args.Get("--search"));
   PrintFeed(store, feed);
   return kExitOk;
