@@ -64,7 +64,8 @@ bool IsFeedType(const std::string& type) {
 
 bool IsImage(const std::string& relation) {
   return StartsWithNoCase(relation, "http://opds-spec.org/image") ||
-         relation == "http://opds-spec.org/thumbnail" || relation == "http://opds-spec.org/cover";
+         relation == "http://opds-spec.org/thumbnail" || relation == "http://opds-spec.org/cover" ||
+         StartsWithNoCase(relation, "x-stanza-cover-image");
 }
 
 void AppendIndirect(const std::vector<IndirectType>& types,
@@ -167,14 +168,20 @@ const Link* Entry::PriceLink() const {
 
 const Link* Entry::Cover() const {
   for (const Link& link : links) {
-    if (link.rel == rel::kImage || link.rel == "http://opds-spec.org/cover") return &link;
+    if (link.rel == rel::kImage || link.rel == "http://opds-spec.org/cover" ||
+        link.rel == "x-stanza-cover-image") {
+      return &link;
+    }
   }
   return nullptr;
 }
 
 const Link* Entry::Thumbnail() const {
   for (const Link& link : links) {
-    if (link.rel == rel::kThumbnail || link.rel == "http://opds-spec.org/thumbnail") return &link;
+    if (link.rel == rel::kThumbnail || link.rel == "http://opds-spec.org/thumbnail" ||
+        link.rel == "x-stanza-cover-image-thumbnail") {
+      return &link;
+    }
   }
   return nullptr;
 }

@@ -4,13 +4,14 @@
 // A feed is either a navigation feed (entries that lead to other feeds) or an acquisition feed
 // (entries that are publications with acquisition links); servers mix both, so every entry
 // tells for itself. Every address in the model is absolute: relative links are resolved
-// against the address the feed was read from when it is read.
+// against the address the feed was read from when it is read (a link that cannot be resolved,
+// because that address is not an absolute one, stays as the server wrote it).
 //
 //   opds::Feed feed;
 //   std::string error;
 //   if (!opds::FetchFeed("https://books.example/opds", &feed, &error)) { ... }
 //   for (const opds::Entry& entry : feed.entries) {
-//     if (const opds::Link* next = entry.NavigationLink()) { /* a sub-catalogue */ }
+//     if (const opds::Link* section = entry.NavigationLink()) { /* a sub-catalogue */ }
 //     else { /* a book: entry.Ean(), entry.title, entry.AcquisitionLinks() */ }
 //   }
 //   const opds::Link* next_page = feed.FindLink(opds::rel::kNext);
@@ -120,7 +121,8 @@ struct Entry {
   // The price of the book: that of the first acquisition link with a price, preferring buy
   // links (a sample listed first costs nothing). Null when no link has one.
   const Link* PriceLink() const;
-  // The cover and its thumbnail; null when missing.
+  // The cover and its thumbnail (also under the relations of older catalogues); null when
+  // missing.
   const Link* Cover() const;
   const Link* Thumbnail() const;
 };
