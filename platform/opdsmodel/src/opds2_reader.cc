@@ -2,6 +2,7 @@
 #include <json/reader.h>
 #include <json/value.h>
 
+#include <cmath>
 #include <exception>
 #include <memory>
 
@@ -33,6 +34,16 @@ int64_t CountValues(std::string_view body) {
     }
   }
   return count;
+}
+
+// A JSON price as text in the form "12.34", whatever the process's locale.
+std::string PriceText(double value) {
+  if (!(value >= 0) || value > 1e12) return std::string();
+  const int64_t cents = std::llround(value * 100.0);
+  std::string text = std::to_string(cents / 100) + ".";
+  text += static_cast<char>('0' + cents % 100 / 10);
+  text += static_cast<char>('0' + cents % 10);
+  return text;
 }
 
 class Opds2Reader {
@@ -84,8 +95,7 @@ bool Opds2Reader::ReadLink(const Json::Value& value, Link* link) {
     if (price.isObject()) {
       const Json::Value& amount = price["value"];
       if (amount.isNumeric()) {
-        link->price = amount.isIntegral() ? std::to_string(amount.asLargestInt())
-                                          : std::to_string(amount.asDouble());
+        link->price = PriceText(amount.asDouble());
       } else {
         link->price = Text(amount);
       }
