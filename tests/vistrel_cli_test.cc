@@ -189,6 +189,17 @@ TEST_F(VistrelCliTest, CatalogueWalksStayBounded) {
   EXPECT_EQ(1u, catalogue.requests("/root").size());
   EXPECT_EQ(39u, catalogue.requests("/page").size());
 
+  // Texts reach the terminal without their control characters.
+  catalogue.Set("/json", vistrel_test::Answer(
+                             R"({"metadata": {"title": "\u001b]0;owned\u0007"}, "publications": [
+                                  {"metadata": {"title": "Red\u001b[31m", "identifier": "x1"},
+                                   "links": [{"rel": "http://opds-spec.org/acquisition",
+                                              "href": "/f", "type": "application/pdf"}]}]})",
+                             200, "application/opds+json"));
+  EXPECT_EQ("?]0;owned?  (" + catalogue.base_url() +
+                "/json)\nx1                      -   - Red?[31m [PDF]  (unknown)\n",
+            Vistrel(shop, {"catalog", "--feed", catalogue.base_url() + "/json"}).out);
+
   const Outcome html = Vistrel(shop, {"catalog", "--feed", catalogue.base_url() + "/html"});
   EXPECT_EQ("1 vistrel: catalogue unreadable: " + catalogue.base_url() +
                 "/html is not an OPDS feed (the document is <html>, not an Atom feed)\n",

@@ -25,21 +25,42 @@ int CatalogExitCode(opds::FetchFailure failure) {
   return failure == opds::FetchFailure::kNotAFeed ? kExitFailed : kExitUnreachable;
 }
 
+// A text from the catalogue as it may reach a terminal: control characters (escape sequences
+// among them, also C1 controls in UTF-8) become "?".
+std::string Printable(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    const unsigned char next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+    if (c < 0x20 || c == 0x7F) {
+      out += '?';
+    } else if (c == 0xC2 && next >= 0x80 && next <= 0x9F) {
+      out += '?';
+      ++i;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
+
 // "4,99 EUR"; "-" for a book without a price.
 std::string PriceText(const CatalogEntry& book) {
   if (book.price_cents < 0) return "-";
   char text[48];
   std::snprintf(text, sizeof text, "%lld,%02lld %s", static_cast<long long>(book.price_cents / 100),
                 static_cast<long long>(book.price_cents % 100),
-                book.currency.empty() ? "EUR" : book.currency.substr(0, 8).c_str());
+                book.currency.empty() ? "EUR" : Printable(book.currency.substr(0, 8)).c_str());
   return text;
 }
 
 void PrintBook(StoreManager* store, const CatalogEntry& book) {
   std::string format = book.format.empty() ? "?" : book.format;
   if (book.adobe_ticket) format += "; Adobe ticket";
-  std::printf("%-14s %10s  %s - %s [%s]  (%s)\n", book.ean.c_str(), PriceText(book).c_str(),
-              book.author.c_str(), book.title.c_str(), format.c_str(),
+  std::printf("%-14s %10s  %s - %s [%s]  (%s)\n", Printable(book.ean).c_str(),
+              PriceText(book).c_str(), Printable(book.author).c_str(),
+              Printable(book.title).c_str(), Printable(format).c_str(),
               StateName(store->GetBookStatus(book.ean).status_).c_str());
 }
 
@@ -76,18 +97,18 @@ int OpenFeed(const std::string& url, const std::vector<int>& path, opds::Feed* f
 }
 
 void PrintFeed(StoreManager* store, const opds::Feed& feed) {
-  std::printf("%s  (%s)\n", feed.title.empty() ? "catalogue" : feed.title.c_str(),
-              feed.url.c_str());
+  std::printf("%s  (%s)\n", feed.title.empty() ? "catalogue" : Printable(feed.title).c_str(),
+              Printable(feed.url).c_str());
   int number = 0;
   for (const opds::Entry* entry : NavigationEntries(feed)) {
-    std::printf("%3d  %s\n", ++number, entry->title.c_str());
+    std::printf("%3d  %s\n", ++number, Printable(entry->title).c_str());
   }
   for (const opds::Entry& entry : feed.entries) {
     if (IsBook(entry)) PrintBook(store, ToCatalogEntry(entry));
   }
   if (feed.truncated) std::printf("(the feed passed the reader's limits; the rest is left out)\n");
   if (const opds::Link* next = feed.FindLink(opds::rel::kNext)) {
-    std::printf("next page: vistrel catalog --feed '%s'\n", next->href.c_str());
+    std::printf("next page: vistrel catalog --feed '%s'\n", Printable(next->href).c_str());
   }
 }
 
