@@ -57,9 +57,11 @@ class DescriptionReader {
 
   void Start(const char* name, const char** attributes) {
     if (++depth_ > 16 || urls_ > 64 || refused_) return;
+    // The Url element, also from a description that forgot the OpenSearch namespace.
     const char* separator = std::strchr(name, '\x01');
-    if (separator == nullptr || std::string(name, separator) != kOpenSearchNs ||
-        std::strcmp(separator + 1, "Url") != 0) {
+    const char* local = separator == nullptr ? name : separator + 1;
+    if (std::strcmp(local, "Url") != 0 ||
+        (separator != nullptr && std::string(name, separator) != kOpenSearchNs)) {
       return;
     }
     ++urls_;
