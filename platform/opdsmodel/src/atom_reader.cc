@@ -153,7 +153,7 @@ void AtomReader::Start(const Name& name, const char** attributes) {
     return;
   }
   if (depth_ == 1) {
-    root_name_ = name.local;
+    root_name_ = CutText(name.local, 64);  // it goes into the error message
     if (IsAtom(name, "feed")) {
       root_ok_ = true;
     } else if (IsAtom(name, "entry")) {  // a lone entry document
