@@ -207,4 +207,54 @@ TEST_F(VistrelCliTest, CatalogueWalksStayBounded) {
   EXPECT_EQ(3, Vistrel(shop, {"catalog", "--feed", catalogue.base_url() + "/nothing"}).exit_code);
 }
 
+// A shop whose catalogue publishes no ISBN and whose search finds nothing: cart add finds the
+// book by its identifier with a walk after the search, and takes its data from the entry.
+TEST_F(VistrelCliTest, CartAddFindsABookByItsIdentifier) {
+  vistrel_demo::DemoShop shop;
+  ASSERT_TRUE(shop.Start(0));
+  vistrel_test::FakeServer server;
+  const std::string base = server.base_url();
+  server.Set("/norbel/config/",
+             vistrel_test::Answer(R"({"clientID": "x", "clientOPDSCatalogUrl": ")" + base +
+                                  R"(/plain/", "clientShopWebserviceUrl": ")" + shop.base_url() +
+                                  R"(/ws/shop"})"));
+  const std::string atom = "application/atom+xml;profile=opds-catalog";
+  server.Set("/plain/", vistrel_test::Answer(
+                            R"(<feed xmlns="http://www.w3.org/2005/Atom">
+      <link rel="search" href="search?q={searchTerms}" type="application/atom+xml"/>
+      <entry><title>Everything</title>
+        <link rel="subsection" href="list" type=")" +
+                                atom + R"(;kind=acquisition"/></entry></feed>)",
+                            200, atom));
+  server.Set("/plain/search",
+             vistrel_test::Answer(R"(<feed xmlns="http://www.w3.org/2005/Atom"/>)", 200, atom));
+  server.Set("/plain/list", vistrel_test::Answer(
+                                R"(<feed xmlns="http://www.w3.org/2005/Atom"
+          xmlns:opds="http://opds-spec.org/2010/catalog">
+      <entry><title>Plain Book</title><id>urn:uuid:4f1c</id><author><name>Ann Author</name></author>
+        <link rel="http://opds-spec.org/image/thumbnail" href="/t/1.png" type="image/png"/>
+        <link rel="http://opds-spec.org/acquisition/buy" href="/b/1" type="application/epub+zip">
+          <opds:price currencycode="EUR">2.50</opds:price></link></entry></feed>)",
+                                200, atom));
+  const std::vector<std::string> options = {"--device-root",     device_root_,
+                                            "--switchboard-url", base + "/norbel/config/",
+                                            "--log-file",        log_file_};
+  auto run = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), options.begin(), options.end());
+    return Run(args);
+  };
+  ASSERT_EQ("0 ", run({"init"}).Said());
+  const Outcome added = run({"cart", "add", "urn:uuid:4f1c"});
+  EXPECT_EQ("0 ", added.Said());
+  EXPECT_EQ(0u, added.out.find("added: Ann Author - Plain Book\n")) << added.out;
+  EXPECT_EQ(1u, server.requests("/plain/search").size());
+  EXPECT_EQ("q=urn%3Auuid%3A4f1c", server.requests("/plain/search")[0].query);
+  const std::string cart = ReadDeviceFile("/mnt/ext1/system/config/vistrel_cart");
+  EXPECT_NE(std::string::npos, cart.find("\"cartPositionEbookType\" : \"EPUB\"")) << cart;
+  EXPECT_NE(std::string::npos, cart.find("\"cartPositionPrice\" : 2.5")) << cart;
+  EXPECT_NE(std::string::npos, cart.find(base + "/t/1.png")) << cart;
+  EXPECT_EQ("5 vistrel: unknown book: urn:uuid:0000 is not in the shop's catalogue\n",
+            run({"cart", "add", "urn:uuid:0000"}).Said());
+}
+
 }  // namespace
