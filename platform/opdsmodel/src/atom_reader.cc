@@ -16,7 +16,7 @@ constexpr char kAtomNs[] = "http://www.w3.org/2005/Atom";
 constexpr char kOpdsNs[] = "http://opds-spec.org/2010/catalog";
 constexpr char kDcTermsNs[] = "http://purl.org/dc/terms/";
 constexpr char kDcElementsNs[] = "http://purl.org/dc/elements/1.1/";
-constexpr size_t kChunkBytes = 256u * 1024;
+constexpr size_t kChunkBytes = size_t{256} * 1024;
 
 struct Name {
   std::string ns;
