@@ -11,7 +11,7 @@ scripts/install_deps.sh clang-14 libclang-rt-14-dev
 
 seconds=${1:-10}
 shift || true
-all_targets=(book cart order switchboard convert_date_time language url book_file server_api)
+all_targets=(book cart order switchboard convert_date_time language url book_file server_api opds)
 targets=("${@:-${all_targets[@]}}")
 
 # Longest input each target is given: long enough for deep nesting (the JSON reader stops at

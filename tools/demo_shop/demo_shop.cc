@@ -8,6 +8,7 @@
 
 #include "book_files.h"
 #include "demo_catalog.h"
+#include "demo_opds.h"
 #include "shop_service.h"
 
 namespace vistrel_demo {
@@ -81,6 +82,10 @@ void DemoShop::Stop() {
 std::string DemoShop::base_url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
 std::string DemoShop::switchboard_url() const { return base_url() + "/norbel/config/"; }
+
+std::string DemoShop::catalog_url() const { return base_url() + "/opds/"; }
+
+std::string DemoShop::catalog2_url() const { return base_url() + "/opds2/"; }
 
 void DemoShop::SetAnswerDelay(std::chrono::milliseconds delay) {
   std::lock_guard<std::mutex> hold(lock_);
@@ -207,8 +212,12 @@ void DemoShop::InstallRoutes() {
     Reply(request, response, Languages(), "application/xml");
   });
 
-  server_->Get("/catalog.json", [this](const Request& request, Response& response) {
-    Reply(request, response, Catalog(), "application/json");
+  server_->Get(R"(/opds2?(/.*)?)", [this](const Request& request, Response& response) {
+    std::map<std::string, std::string> params;
+    for (const auto& [name, value] : request.params) params.emplace(name, value);
+    const OpdsAnswer answer = CatalogAnswer(base_url(), request.path, params);
+    response.status = answer.status;
+    Reply(request, response, answer.body, answer.content_type);
   });
 
   server_->Get(R"(/pay/start/(\d+))", [this](const Request& request, Response& response) {
@@ -271,7 +280,7 @@ std::string DemoShop::Config() const {
   config["clientID"] = kClientId;
   config["clientName"] = kShopName;
   config["clientAddress"] = "Vistrel Demo Shop, 1 Loopback Lane, 127001 Localhost";
-  config["clientOPDSCatalogUrl"] = base + "/catalog.json";
+  config["clientOPDSCatalogUrl"] = catalog_url();
   config["clientShopWebserviceUrl"] = base + "/ws/shop";
   config["clientImprint"] = "Vistrel Demo Shop is a demonstration; no real books are sold.";
   config["clientTaC"] = "Terms: every book in this shop is free of charge and made up.";
@@ -294,23 +303,6 @@ std::string DemoShop::Languages() const {
          "  <language code=\"fr\" name=\"Fran\xc3\xa7"
          "ais\"/>\n"
          "</languages>\n";
-}
-
-std::string DemoShop::Catalog() const {
-  Json::Value books(Json::arrayValue);
-  for (const CatalogBook& book : DemoCatalog()) {
-    Json::Value entry(Json::objectValue);
-    entry["ean"] = book.ean;
-    entry["title"] = book.title;
-    entry["author"] = book.author;
-    entry["format"] = book.format;
-    entry["language"] = book.language;
-    entry["price"] = book.price_cents / 100.0;
-    books.append(entry);
-  }
-  Json::StreamWriterBuilder builder;
-  builder["precision"] = 10;
-  return Json::writeString(builder, books);
 }
 
 }  // namespace vistrel_demo

@@ -4,7 +4,9 @@
 //   GET  /norbel/config/<serial>    flat JSON shop configuration pointing at this server
 //   POST /ws/shop/<call>            the shop web service, form fields in, enveloped JSON out
 //   GET  /ws/filter/languages       the language list (XML)
-//   GET  /catalog.json              the catalogue (the configuration's clientOPDSCatalogUrl)
+//   GET  /opds/...                  the catalogue as OPDS 1.2 (the configuration's
+//                                   clientOPDSCatalogUrl), see demo_opds.h
+//   GET  /opds2/...                 the same books as OPDS 2.0
 //   GET  /pay/start/<order id>      payment page: redirects through a gateway to
 //                                   /pay/paypal?token=..&PayerID=.. (or to /pay/back)
 //   GET  /files/<ean>.<ext>         the bought books
@@ -64,6 +66,10 @@ class DemoShop {
   std::string base_url() const;
   // The configuration server's base address: base_url() + "/norbel/config/".
   std::string switchboard_url() const;
+  // The catalogue: OPDS 1.2 at base_url() + "/opds/" (the configuration's
+  // clientOPDSCatalogUrl), OPDS 2.0 at base_url() + "/opds2/".
+  std::string catalog_url() const;
+  std::string catalog2_url() const;
 
   // ---- Misbehaviour --------------------------------------------------------------------------
 
@@ -95,7 +101,6 @@ class DemoShop {
 
   std::string Config() const;
   std::string Languages() const;
-  std::string Catalog() const;
 
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;

@@ -33,9 +33,17 @@ const std::vector<Command>& Commands() {
        RunLogout},
       {"languages", "list the shop's catalogue languages", "usage: vistrel languages\n",
        RunLanguages},
-      {"catalog", "list the shop's catalogue with each book's status",
-       "usage: vistrel catalog\n\nReads the catalogue that the shop configuration names "
-       "(clientOPDSCatalogUrl;\nthe demo shop publishes a JSON list there).\n",
+      {"catalog", "browse the shop's OPDS catalogue with each book's status",
+       "usage: vistrel catalog [N...] [--feed URL]\n"
+       "       vistrel catalog --all [--feed URL] [--max-feeds N]\n"
+       "       vistrel catalog --search TEXT [--feed URL]\n\n"
+       "Reads the OPDS catalogue (1.2 Atom or 2.0 JSON) that the shop configuration names\n"
+       "(clientOPDSCatalogUrl), or the feed at URL. Lists its numbered navigation entries\n"
+       "and its books: EAN (the entry's identifier when it has no ISBN), price, author,\n"
+       "title, formats and status. N opens navigation entry N (several numbers go deeper).\n"
+       "--all walks every navigation entry and page, each address once (at most N feeds,\n"
+       "default 1000, 50000 books and 10 minutes) with a count on stderr; --search uses\n"
+       "the catalogue's OpenSearch.\n",
        RunCatalog},
       {"cart", "add, remove or list books in the cart",
        "usage: vistrel cart add EAN [--title T] [--author A] [--format F] [--price EUR]\n"

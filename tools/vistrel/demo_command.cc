@@ -62,8 +62,8 @@ std::string Sniff(const std::string& path) {
   return "";
 }
 
-// The first EPUB, the first PDF, and the last book of the catalogue (the file host sends
-// that one as "application/force-download").
+// The first EPUB, the first PDF, and the last book of the catalogue's list of all books (the
+// file host sends that one as "application/force-download").
 std::vector<CatalogEntry> ChooseBooks(const std::vector<CatalogEntry>& catalog) {
   std::vector<CatalogEntry> chosen;
   auto add = [&chosen](const CatalogEntry& entry) {
@@ -196,6 +196,8 @@ int RunDemo(const std::vector<std::string>& words) {
   if (!FetchCatalog(store->config().clientOPDSCatalogUrl, &catalog, &error)) {
     return DemoFailed("Cart", error);
   }
+  Detail(std::to_string(catalog.size()) +
+         " books in the shop's OPDS catalogue (navigation and every page walked)");
   while (store->cart().GetSize() > 0) store->RemoveFromCart(0u);
   const std::vector<CatalogEntry> chosen = ChooseBooks(catalog);
   std::vector<std::vector<int>> trails(chosen.size());
