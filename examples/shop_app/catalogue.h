@@ -10,10 +10,12 @@
 
 namespace shop_app {
 
-// The books the buyer chose, as records the cart takes. `chosen` holds the EANs picked on the
-// catalogue screen. A book's record carries at least its Ean; the shop's cart fills in title,
-// author and price at checkout. A catalogue reader would look the books up in the catalogue
-// that store->config().clientOPDSCatalogUrl names; this one takes the EANs as they are.
+// The books the buyer chose, as records the cart takes, looked up in the shop's OPDS
+// catalogue (store->config().clientOPDSCatalogUrl): title, author, formats, price and
+// thumbnail come from the catalogue entry whose EAN was chosen. The walk follows sections and
+// next pages, each address once, and stops after a few dozen feeds. A chosen EAN that the
+// catalogue does not list still goes into the cart with its EAN alone; the shop drops it at
+// checkout if it does not sell it.
 std::vector<norbel::vistrel::Book> LoadCatalogue(norbel::vistrel::StoreManager* store,
                                                  const std::vector<std::string>& chosen);
 
