@@ -83,7 +83,7 @@ int main(int argc, char** argv) {
         return vistrel_cli::kExitOk;
       }
     }
-    return command.run(words);
+    return vistrel_cli::GuardedRun(name, [&] { return command.run(words); });
   }
   return Fail(vistrel_cli::kExitUsage, "unknown command " + name + " (see vistrel --help)");
 }
