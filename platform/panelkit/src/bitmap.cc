@@ -201,9 +201,10 @@ ibitmap* ReadBitmap(int fd) {
   }
   BmpLayout layout;
   if (!ReadLayout(fd, static_cast<uint64_t>(st.st_size), &layout)) return nullptr;
+  // The row buffer first: should it fail to allocate, no bitmap is left behind.
+  std::vector<unsigned char> row(layout.stride);
   ibitmap* bitmap = NewBitmap(layout.width, layout.height, layout.bits);
   if (!bitmap) return nullptr;
-  std::vector<unsigned char> row(layout.stride);
   for (uint32_t y = 0; y < layout.height; ++y) {
     uint32_t file_row = layout.top_down ? y : layout.height - 1 - y;
     if (!ReadAt(fd, row.data(), row.size(), layout.pixel_offset + file_row * layout.stride)) {

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "host/environment.h"
@@ -179,10 +180,10 @@ extern "C" iconfig* OpenConfig(const char* path, iconfigedit* /*edit*/) {
     std::string host_path = vistrel_host::ResolveDevicePath(path);
     std::string text;
     if (!ReadOrCreate(host_path, &text)) return nullptr;
-    auto* config = new iconfig_s;
+    auto config = std::make_unique<iconfig_s>();
     config->host_path = host_path;
     config->values = Parse(text);
-    return config;
+    return config.release();
   });
 }
 
