@@ -107,6 +107,7 @@ class FaultShimTest : public vistrel_test::ShopTest {
       }
     }
     EXPECT_GT(failed_calls, 0) << subject.name << " makes no " << op << " call to fail";
+    RecordProperty(subject.name + " " + op + " calls failed", failed_calls);
   }
 
   void FailEveryCall(const Subject& subject) {
