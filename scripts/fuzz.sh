@@ -11,7 +11,8 @@ scripts/install_deps.sh clang-14 libclang-rt-14-dev
 
 seconds=${1:-10}
 shift || true
-all_targets=(book cart order switchboard convert_date_time language url book_file server_api opds)
+all_targets=(book cart order switchboard convert_date_time language url book_file server_api opds
+  bitmap)
 targets=("${@:-${all_targets[@]}}")
 
 # Longest input each target is given: long enough for deep nesting (the JSON reader stops at
@@ -20,6 +21,7 @@ targets=("${@:-${all_targets[@]}}")
 max_len() {
   case $1 in
     convert_date_time | book_file | url) echo 256 ;;
+    bitmap) echo 8192 ;;  # headers, a palette and a few rows of pixels
     *) echo 4096 ;;
   esac
 }

@@ -145,7 +145,7 @@ TEST_F(CartKillTest, TheCartFileStaysReadableWhenTheProcessIsKilledWhileSaving) 
       ASSERT_EQ(lines[i]["cartPositionEan"].asString(), std::to_string(i));
     }
   }
-  // Killed saves leave at most one temporary, and the next save takes it over.
+  // What killed saves left behind is removed by the next save.
   add("last");
   EXPECT_EQ(DeviceFolderEntries(kConfigDir), 1u);
 }

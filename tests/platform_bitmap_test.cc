@@ -1,9 +1,11 @@
 // BMP writing and reading on a host: what is saved loads back pixel for pixel, and broken files
 // load as null.
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "panelkit/panelkit.h"
@@ -62,6 +64,43 @@ TEST_F(BitmapTest, BrokenFilesGiveNull) {
     BitmapPtr loaded(LoadBitmap("/tmp/test.bmp"));
     EXPECT_EQ(loaded == nullptr, what != "the good file") << what;
   }
+}
+
+// Pictures come from outside: a file of more than 16 MiB or a picture of more than 4096
+// pixels either way is refused when read and when installed as the power-off picture.
+TEST_F(BitmapTest, PicturesBeyondTheCapsAreRefused) {
+  auto picture = [](unsigned short width, unsigned short height, unsigned short depth,
+                    std::vector<unsigned char>* pixels) {
+    const unsigned short scanline = width * depth / 8;
+    pixels->assign(static_cast<size_t>(scanline) * height, 0x5a);
+    return ibitmap{width, height, depth, scanline, pixels->data()};
+  };
+  std::vector<unsigned char> pixels;
+  for (auto [width, height, loads] :
+       {std::tuple{4096, 2, true}, std::tuple{4097, 2, false}, std::tuple{2, 4097, false}}) {
+    SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
+    ibitmap bitmap = picture(width, height, 8, &pixels);
+    ASSERT_EQ(SaveBitmap("/tmp/wide.bmp", &bitmap), 1);
+    BitmapPtr loaded(LoadBitmap("/tmp/wide.bmp"));
+    EXPECT_EQ(loaded != nullptr, loads);
+    WritePartnerPowerOffLogo(&bitmap);
+    EXPECT_EQ(EventsOfKind("poweroff-logo").size(), loads ? 1u : 0u);
+    std::remove(HostPath("/mnt/ext1/system/logo/offlogo_partner.bmp").c_str());
+    std::remove(log_file_.c_str());
+  }
+
+  // A small picture padded past 16 MiB.
+  ibitmap small = picture(4, 4, 24, &pixels);
+  ASSERT_EQ(SaveBitmap("/tmp/padded.bmp", &small), 1);
+  WriteDeviceFile("/tmp/padded.bmp",
+                  ReadDeviceFile("/tmp/padded.bmp") + std::string((16 << 20) + 1, '\0'));
+  EXPECT_EQ(LoadBitmap("/tmp/padded.bmp"), nullptr);
+
+  // 4096 x 1100 pixels of 32 bits would be a file of more than 16 MiB.
+  ibitmap large = picture(4096, 1100, 32, &pixels);
+  WritePartnerPowerOffLogo(&large);
+  EXPECT_TRUE(EventsOfKind("poweroff-logo").empty());
+  EXPECT_FALSE(DeviceFileExists("/mnt/ext1/system/logo/offlogo_partner.bmp"));
 }
 
 }  // namespace

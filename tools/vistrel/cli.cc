@@ -1,5 +1,6 @@
 #include "cli.h"
 
+#include <json/value.h>
 #include <sys/time.h>
 #include <termios.h>
 #include <unistd.h>
@@ -7,8 +8,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <mutex>
+#include <new>
 
 #include "host/environment.h"
 #include "panelkit/panelkit.h"
@@ -100,6 +103,57 @@ int Fail(int code, const std::string& text) {
 }
 
 void Warn(const std::string& text) { std::fprintf(stderr, "vistrel: warning: %s\n", text.c_str()); }
+
+namespace {
+
+// The device's event log goes beside the device folder unless told otherwise, so that the
+// library's own log lines do not mix with the tool's messages on stderr.
+void UseDefaultEventLog() {
+  if (std::getenv("VISTREL_LOG_FILE") == nullptr) {
+    setenv("VISTREL_LOG_FILE", (vistrel_host::DeviceRoot() + ".events.log").c_str(), 1);
+  }
+}
+
+// An error text as part of one line.
+std::string OneLine(std::string text) {
+  for (char& c : text) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  while (!text.empty() && text.back() == ' ') text.pop_back();
+  return text;
+}
+
+void SetAsideUnreadableCart() {
+  std::string kept_as;
+  std::string problem;
+  if (!norbel::vistrel::Cart::SetAsideUnreadableFile(&kept_as, &problem)) return;
+  nb_print_log2(2, "tools/vistrel/cli", __LINE__, __PRETTY_FUNCTION__,
+                "unreadable cart file (%s) kept as %s, replaced by an empty cart", problem.c_str(),
+                kept_as.c_str());
+  std::fprintf(stderr,
+               "vistrel: the cart file could not be read (%s); kept as %s, the cart starts "
+               "empty\n",
+               problem.c_str(), kept_as.c_str());
+}
+
+}  // namespace
+
+int GuardedRun(const std::string& command, const std::function<int()>& run) {
+  try {
+    UseDefaultEventLog();
+    SetAsideUnreadableCart();
+    return run();
+  } catch (const Json::Exception& e) {
+    return Fail(kExitFailed, command + ": the shop sent a value of the wrong JSON kind (" +
+                                 OneLine(e.what()) + ")");
+  } catch (const std::bad_alloc&) {
+    return Fail(kExitFailed, command + ": out of memory");
+  } catch (const std::exception& e) {
+    return Fail(kExitFailed, command + ": " + OneLine(e.what()));
+  } catch (...) {
+    return Fail(kExitFailed, command + ": unexpected error");
+  }
+}
 
 std::string Args::Get(const std::string& name) const {
   auto it = options.find(name);

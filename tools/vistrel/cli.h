@@ -3,6 +3,7 @@
 #ifndef TOOLS_VISTREL_CLI_H_
 #define TOOLS_VISTREL_CLI_H_
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -28,6 +29,13 @@ enum ExitCode : int {
 int Fail(int code, const std::string& text);
 // Writes "vistrel: warning: <text>" to stderr.
 void Warn(const std::string& text);
+
+// Runs one command so that nothing can abort the tool. First a cart file that cannot be read
+// is moved aside (kept as "vistrel_cart.unreadable-<time>", reported on stderr and in the
+// device log) and replaced by an empty cart. Then `run`; should the library raise the JSON
+// library's error on a shop answer of the wrong kind, or anything else escape, the error is
+// reported in one line naming the command and exit code 1 is returned.
+int GuardedRun(const std::string& command, const std::function<int()>& run);
 
 // A command's arguments: positional ones in order, "--name value" or "--name=value" options by
 // name, and "--name" flags (value "") for the names listed in `flags`.

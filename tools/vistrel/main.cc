@@ -163,5 +163,5 @@ int main(int argc, char** argv) {
   if (!vistrel_cli::ApplySettings(flags, &problem)) return Fail(vistrel_cli::kExitFailed, problem);
   if (!LogFileWritable(&problem)) return Fail(vistrel_cli::kExitFailed, problem);
   vistrel_cli::WatchExchanges(verbose);
-  return command->run(words);
+  return vistrel_cli::GuardedRun(name, [&] { return command->run(words); });
 }

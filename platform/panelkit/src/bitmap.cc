@@ -6,6 +6,8 @@
 // be stored bottom-up or top-down. Every size and offset is checked against the file, so a
 // truncated or absurd file gives null instead of a read past its end. The 4th byte of a plain
 // 32-bit pixel is kept as the alpha byte, which makes SaveBitmap's 32-bit files round-trip.
+// Pictures come from outside: LoadBitmap and WritePartnerPowerOffLogo refuse files of more than
+// 16 MiB and pictures of more than 4096 pixels either way.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +21,7 @@
 
 #include "host/environment.h"
 #include "host/files.h"
+#include "no_throw.h"
 #include "panelkit/panelkit.h"
 
 namespace {
@@ -28,6 +31,10 @@ constexpr uint32_t kInfoHeaderSize = 40;
 constexpr uint32_t kBiRgb = 0;
 constexpr uint32_t kBiBitfields = 3;
 constexpr uint32_t kMaxField = 65535;  // ibitmap's fields are unsigned short
+// What a picture from outside may cost: the bitmap of a 16 MiB file, at most 4096 pixels each
+// way, is as large as any device screen needs and small enough for any device's memory.
+constexpr int64_t kMaxPictureBytes = 16 << 20;
+constexpr uint32_t kMaxPictureSide = 4096;
 
 uint16_t Le16(const unsigned char* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
 uint32_t Le32(const unsigned char* p) {
@@ -152,7 +159,7 @@ bool ReadLayout(int fd, uint64_t file_size, BmpLayout* layout) {
   layout->width = static_cast<uint32_t>(width);
   layout->top_down = height < 0;
   layout->height = static_cast<uint32_t>(height < 0 ? -height : height);
-  if (layout->width > kMaxField || layout->height > kMaxField) return false;
+  if (layout->width > kMaxPictureSide || layout->height > kMaxPictureSide) return false;
   if (layout->bits != 8 && layout->bits != 24 && layout->bits != 32) return false;
 
   uint64_t headers_end = kFileHeaderSize + static_cast<uint64_t>(header_size);
@@ -189,12 +196,15 @@ void ConvertRow(const BmpLayout& layout, const unsigned char* in, unsigned char*
 
 ibitmap* ReadBitmap(int fd) {
   struct stat st;
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxPictureBytes) {
+    return nullptr;
+  }
   BmpLayout layout;
   if (!ReadLayout(fd, static_cast<uint64_t>(st.st_size), &layout)) return nullptr;
+  // The row buffer first: should it fail to allocate, no bitmap is left behind.
+  std::vector<unsigned char> row(layout.stride);
   ibitmap* bitmap = NewBitmap(layout.width, layout.height, layout.bits);
   if (!bitmap) return nullptr;
-  std::vector<unsigned char> row(layout.stride);
   for (uint32_t y = 0; y < layout.height; ++y) {
     uint32_t file_row = layout.top_down ? y : layout.height - 1 - y;
     if (!ReadAt(fd, row.data(), row.size(), layout.pixel_offset + file_row * layout.stride)) {
@@ -261,35 +271,49 @@ ibitmap* CopyBitmap(const ibitmap* source) {
 }  // namespace
 
 extern "C" ibitmap* LoadBitmap(const char* path) {
-  if (!path || !*path) return nullptr;
-  int fd = open(vistrel_host::ResolveDevicePath(path).c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return nullptr;
-  ibitmap* bitmap = ReadBitmap(fd);
-  close(fd);
-  return bitmap;
+  return panelkit_internal::NoThrow(static_cast<ibitmap*>(nullptr), [&]() -> ibitmap* {
+    if (!path || !*path) return nullptr;
+    // Neither a link nor a FIFO planted at the path is followed or waited on.
+    int fd = open(vistrel_host::ResolveDevicePath(path).c_str(),
+                  O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    ibitmap* bitmap = ReadBitmap(fd);
+    close(fd);
+    return bitmap;
+  });
 }
 
 extern "C" int SaveBitmap(const char* path, const ibitmap* bitmap) {
-  std::string file;
-  if (!path || !*path || !Usable(bitmap) || !EncodeBmp(bitmap, &file)) return 0;
-  return vistrel_host::ReplaceFile(vistrel_host::ResolveDevicePath(path), file, 0644) ? 1 : 0;
+  return panelkit_internal::NoThrow(0, [&] {
+    std::string file;
+    if (!path || !*path || !Usable(bitmap) || !EncodeBmp(bitmap, &file)) return 0;
+    return vistrel_host::ReplaceFile(vistrel_host::ResolveDevicePath(path), file, 0644) ? 1 : 0;
+  });
 }
 
 extern "C" ibitmap* GetResource(const char* name, const ibitmap* fallback) {
-  // A name is one file of the resource folder, never a path.
-  if (name && *name && !std::strchr(name, '/')) {
-    std::string path = std::string("/kelmast/system/resources/") + name + ".bmp";
-    if (ibitmap* bitmap = LoadBitmap(path.c_str())) return bitmap;
-  }
-  return CopyBitmap(fallback);
+  return panelkit_internal::NoThrow(static_cast<ibitmap*>(nullptr), [&]() -> ibitmap* {
+    // A name is one file of the resource folder, never a path.
+    if (name && *name && !std::strchr(name, '/')) {
+      std::string path = std::string("/kelmast/system/resources/") + name + ".bmp";
+      if (ibitmap* bitmap = LoadBitmap(path.c_str())) return bitmap;
+    }
+    return CopyBitmap(fallback);
+  });
 }
 
 extern "C" void WritePartnerPowerOffLogo(const ibitmap* bitmap) {
-  if (!Usable(bitmap)) return;
-  if (!vistrel_host::MakeFolders(vistrel_host::ResolveDevicePath("/mnt/ext1/system/logo"))) {
-    return;
-  }
-  if (!SaveBitmap("/mnt/ext1/system/logo/offlogo_partner.bmp", bitmap)) return;
-  vistrel_host::AppendEvent("poweroff-logo\t" + std::to_string(bitmap->width) + "x" +
-                            std::to_string(bitmap->height));
+  // Every failure is silent: the device keeps the picture it had.
+  panelkit_internal::NoThrow([&] {
+    if (!Usable(bitmap) || bitmap->width > kMaxPictureSide || bitmap->height > kMaxPictureSide) {
+      return;
+    }
+    std::string file;
+    if (!EncodeBmp(bitmap, &file) || static_cast<int64_t>(file.size()) > kMaxPictureBytes) return;
+    std::string folder = vistrel_host::ResolveDevicePath("/mnt/ext1/system/logo");
+    if (!vistrel_host::MakeFolders(folder)) return;
+    if (!vistrel_host::ReplaceFile(folder + "/offlogo_partner.bmp", file, 0644)) return;
+    vistrel_host::AppendEvent("poweroff-logo\t" + std::to_string(bitmap->width) + "x" +
+                              std::to_string(bitmap->height));
+  });
 }

@@ -15,12 +15,15 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "host/environment.h"
 #include "host/files.h"
+#include "no_throw.h"
 #include "panelkit/panelkit.h"
 
 struct iconfig_s {
@@ -140,26 +143,24 @@ bool Reveal(const std::string& stored, std::string* plain) {
   return true;
 }
 
-// Reads a regular file; creates it empty (mode 0600) when missing.
+// A configuration file holds a few dozen short entries; one larger than this is not one, and
+// reading it would only cost memory (each entry costs a map node).
+constexpr int64_t kMaxConfigBytes = 1 << 20;
+
+// Reads a regular file; creates it empty (mode 0600) when missing. A link, FIFO, device or
+// folder at the path is refused at once: none can block or redirect the caller.
 bool ReadOrCreate(const std::string& path, std::string* text) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0 && errno == ENOENT) {
-    fd = open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0 && errno == EEXIST) fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  using vistrel_host::ReadOutcome;
+  ReadOutcome outcome = vistrel_host::ReadRegularFile(path, kMaxConfigBytes, text);
+  if (outcome != ReadOutcome::kMissing) return outcome == ReadOutcome::kRead;
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd >= 0) {
+    close(fd);
+    return true;
   }
-  if (fd < 0) return false;
-  struct stat st;
-  bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
-  char buffer[8192];
-  while (ok) {
-    ssize_t n = read(fd, buffer, sizeof(buffer));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) ok = false;
-    if (n <= 0) break;
-    text->append(buffer, static_cast<size_t>(n));
-  }
-  close(fd);
-  return ok;
+  // Made by someone else meanwhile: read what is there now.
+  return errno == EEXIST &&
+         vistrel_host::ReadRegularFile(path, kMaxConfigBytes, text) == ReadOutcome::kRead;
 }
 
 void Store(iconfig* config, const char* name, const std::string& value) {
@@ -174,38 +175,46 @@ void Store(iconfig* config, const char* name, const std::string& value) {
 }  // namespace
 
 extern "C" iconfig* OpenConfig(const char* path, iconfigedit* /*edit*/) {
-  if (!path || !*path) return nullptr;
-  std::string host_path = vistrel_host::ResolveDevicePath(path);
-  std::string text;
-  if (!ReadOrCreate(host_path, &text)) return nullptr;
-  auto* config = new iconfig_s;
-  config->host_path = host_path;
-  config->values = Parse(text);
-  return config;
+  return panelkit_internal::NoThrow(static_cast<iconfig*>(nullptr), [&]() -> iconfig* {
+    if (!path || !*path) return nullptr;
+    std::string host_path = vistrel_host::ResolveDevicePath(path);
+    std::string text;
+    if (!ReadOrCreate(host_path, &text)) return nullptr;
+    auto config = std::make_unique<iconfig_s>();
+    config->host_path = host_path;
+    config->values = Parse(text);
+    return config.release();
+  });
 }
 
 extern "C" int SaveConfig(iconfig* config) {
-  if (!config) return 0;
-  if (!config->changed) return 1;
-  if (!vistrel_host::ReplaceFile(config->host_path, Serialize(config->values), 0600)) {
-    return 0;
-  }
-  config->changed = false;
-  return 1;
+  return panelkit_internal::NoThrow(0, [&] {
+    if (!config) return 0;
+    if (!config->changed) return 1;
+    if (!vistrel_host::ReplaceFile(config->host_path, Serialize(config->values), 0600)) {
+      return 0;
+    }
+    config->changed = false;
+    return 1;
+  });
 }
 
 extern "C" void CloseConfig(iconfig* config) {
-  if (!config) return;
-  SaveConfig(config);
-  delete config;
+  panelkit_internal::NoThrow([&] {
+    if (!config) return;
+    SaveConfig(config);
+    delete config;
+  });
 }
 
 extern "C" void CloseConfigNoSave(iconfig* config) { delete config; }
 
 extern "C" const char* ReadString(iconfig* config, const char* name, const char* deflt) {
-  if (!config || !name) return deflt;
-  auto it = config->values.find(name);
-  return it == config->values.end() ? deflt : it->second.c_str();
+  return panelkit_internal::NoThrow(deflt, [&] {
+    if (!config || !name) return deflt;
+    auto it = config->values.find(name);
+    return it == config->values.end() ? deflt : it->second.c_str();
+  });
 }
 
 extern "C" int ReadInt(iconfig* config, const char* name, int deflt) {
@@ -221,25 +230,27 @@ extern "C" int ReadInt(iconfig* config, const char* name, int deflt) {
 }
 
 extern "C" const char* ReadSecret(iconfig* config, const char* name, const char* deflt) {
-  if (!config || !name) return deflt;
-  auto cached = config->secrets.find(name);
-  if (cached != config->secrets.end()) return cached->second.c_str();
-  auto it = config->values.find(name);
-  if (it == config->values.end()) return deflt;
-  std::string plain;
-  // A value written as plain text (by hand, or by an older firmware) is taken as it is.
-  if (!Reveal(it->second, &plain)) plain = it->second;
-  return config->secrets.emplace(name, std::move(plain)).first->second.c_str();
+  return panelkit_internal::NoThrow(deflt, [&] {
+    if (!config || !name) return deflt;
+    auto cached = config->secrets.find(name);
+    if (cached != config->secrets.end()) return cached->second.c_str();
+    auto it = config->values.find(name);
+    if (it == config->values.end()) return deflt;
+    std::string plain;
+    // A value written as plain text (by hand, or by an older firmware) is taken as it is.
+    if (!Reveal(it->second, &plain)) plain = it->second;
+    return config->secrets.emplace(name, std::move(plain)).first->second.c_str();
+  });
 }
 
 extern "C" void WriteString(iconfig* config, const char* name, const char* value) {
-  Store(config, name, value ? value : "");
+  panelkit_internal::NoThrow([&] { Store(config, name, value ? value : ""); });
 }
 
 extern "C" void WriteInt(iconfig* config, const char* name, int value) {
-  Store(config, name, std::to_string(value));
+  panelkit_internal::NoThrow([&] { Store(config, name, std::to_string(value)); });
 }
 
 extern "C" void WriteSecret(iconfig* config, const char* name, const char* value) {
-  Store(config, name, Obfuscate(value ? value : ""));
+  panelkit_internal::NoThrow([&] { Store(config, name, Obfuscate(value ? value : "")); });
 }

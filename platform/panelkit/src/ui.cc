@@ -12,6 +12,7 @@
 
 #include "event_text.h"
 #include "host/environment.h"
+#include "no_throw.h"
 #include "panelkit/panelkit.h"
 
 using panelkit_internal::EscapeText;
@@ -107,54 +108,64 @@ const ifiletype kSupportedFileTypes[] = {
 }  // namespace
 
 extern "C" void Message(int icon, const char* title, const char* text, int timeout_ms) {
-  const char* t = OrEmpty(title);
-  const char* x = OrEmpty(text);
-  vistrel_host::AppendEvent(
-      "message\t" + std::to_string(icon) + "\t" + EscapeText(t, std::strlen(t), false) + "\t" +
-      EscapeText(x, std::strlen(x), false) + "\t" + std::to_string(timeout_ms));
+  panelkit_internal::NoThrow([&] {
+    const char* t = OrEmpty(title);
+    const char* x = OrEmpty(text);
+    vistrel_host::AppendEvent(
+        "message\t" + std::to_string(icon) + "\t" + EscapeText(t, std::strlen(t), false) + "\t" +
+        EscapeText(x, std::strlen(x), false) + "\t" + std::to_string(timeout_ms));
+  });
 }
 
 extern "C" int FindTaskByAppName(const char* path) {
-  if (path == nullptr || path[0] == '\0') return -1;
-  // An installed application counts as running.
-  if (access(vistrel_host::ResolveDevicePath(path).c_str(), F_OK) != 0) return -1;
-  return TaskNumber(path);
+  return panelkit_internal::NoThrow(-1, [&] {
+    if (path == nullptr || path[0] == '\0') return -1;
+    // An installed application counts as running.
+    if (access(vistrel_host::ResolveDevicePath(path).c_str(), F_OK) != 0) return -1;
+    return TaskNumber(path);
+  });
 }
 
 extern "C" int SendRequestTo(int task, int request, void* data, int size, int /*flags*/,
                              int /*timeout_ms*/) {
-  std::string text;
-  if (data != nullptr && size > 0) {
-    text = EscapeText(static_cast<const char*>(data), static_cast<size_t>(size), true);
-  }
-  vistrel_host::AppendEvent("request\t" + std::to_string(task) + "\t" + std::to_string(request) +
-                            "\t" + text);
-  return 0;
+  return panelkit_internal::NoThrow(-1, [&] {
+    std::string text;
+    if (data != nullptr && size > 0) {
+      text = EscapeText(static_cast<const char*>(data), static_cast<size_t>(size), true);
+    }
+    vistrel_host::AppendEvent("request\t" + std::to_string(task) + "\t" + std::to_string(request) +
+                              "\t" + text);
+    return 0;
+  });
 }
 
 extern "C" const ifiletype* GetSupportedFileTypes(void) { return kSupportedFileTypes; }
 
 extern "C" int pk_unlink(const char* path) {
-  if (path == nullptr) return -1;
-  return unlink(vistrel_host::ResolveDevicePath(path).c_str()) == 0 ? 0 : -1;
+  return panelkit_internal::NoThrow(-1, [&] {
+    if (path == nullptr) return -1;
+    return unlink(vistrel_host::ResolveDevicePath(path).c_str()) == 0 ? 0 : -1;
+  });
 }
 
 extern "C" char* utf_toupper_ext(const char* text) {
-  if (text == nullptr) return nullptr;
-  const unsigned char* in = reinterpret_cast<const unsigned char*>(text);
-  std::string upper;
-  while (*in != '\0') {
-    uint32_t code;
-    size_t length = DecodeUtf8(in, &code);
-    if (length == 0) {
-      upper += static_cast<char>(*in++);  // not UTF-8: kept as it is
-      continue;
+  return panelkit_internal::NoThrow(static_cast<char*>(nullptr), [&]() -> char* {
+    if (text == nullptr) return nullptr;
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(text);
+    std::string upper;
+    while (*in != '\0') {
+      uint32_t code;
+      size_t length = DecodeUtf8(in, &code);
+      if (length == 0) {
+        upper += static_cast<char>(*in++);  // not UTF-8: kept as it is
+        continue;
+      }
+      EncodeUtf8(ToUpper(code), &upper);
+      in += length;
     }
-    EncodeUtf8(ToUpper(code), &upper);
-    in += length;
-  }
-  char* result = static_cast<char*>(std::malloc(upper.size() + 1));
-  if (result == nullptr) return nullptr;
-  std::memcpy(result, upper.c_str(), upper.size() + 1);
-  return result;
+    char* result = static_cast<char*>(std::malloc(upper.size() + 1));
+    if (result == nullptr) return nullptr;
+    std::memcpy(result, upper.c_str(), upper.size() + 1);
+    return result;
+  });
 }

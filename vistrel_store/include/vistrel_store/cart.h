@@ -40,11 +40,22 @@ class VISTREL_STORE_EXPORT Cart {
   const Book& GetItem(unsigned int index) const;
   unsigned int GetSize() const;
 
-  // Writes the file; a file that cannot be written is skipped silently.
+  // Writes the file (mode 0600: it may hold the shop's session); a file that cannot be
+  // written is skipped silently.
   void Save();
   // Removes every line, then reads the file. A missing file leaves no lines and the cart's ids
-  // as they were; a broken one gives whatever could be read of it.
+  // as they were; a broken one gives whatever could be read of it. A link, FIFO, device or
+  // folder at the file's path, or a file that would take more memory than any shop answer
+  // may, counts as missing. A member of the wrong kind raises the JSON library's error.
   void Load();
+
+  // Addition for callers that must not stop at a broken cart file. When the cart file exists
+  // but cannot be read into a cart (not a regular file, too large, not JSON, or a member of
+  // the wrong kind), renames it to "vistrel_cart.unreadable-<UTC time>" beside it, writes an
+  // empty cart file in its place and returns true, with the kept file's device path in
+  // *kept_as and what was wrong with it in *problem. Otherwise changes nothing and returns
+  // false. Never throws.
+  static bool SetAsideUnreadableFile(std::string* kept_as, std::string* problem);
 
   // Replaces the lines by the reply's "cartPositions" and, when "cart" is an object, the
   // cart's ids and texts by its members. Always returns false.

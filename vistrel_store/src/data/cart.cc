@@ -2,13 +2,16 @@
 
 #include <json/reader.h>
 #include <json/writer.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
+#include <exception>
 #include <utility>
 
 #include "book_props.h"
 #include "json_int64.h"
+#include "memory_budget.h"
 #include "nbutils/device_environment.h"
 #include "nbutils/file_utils.h"
 
@@ -17,6 +20,48 @@ namespace vistrel {
 namespace {
 
 const char kCartFile[] = "/mnt/ext1/system/config/vistrel_cart";
+// No cart file is larger than a shop answer may be.
+constexpr int64_t kMaxCartFileBytes = 32 << 20;
+
+// Reads the cart file as JSON into *json: as much as the reader got before any fault, or null
+// when there is no readable file. Returns what was wrong with it, empty when nothing was.
+std::string ReadCartFile(Json::Value* json) {
+  std::string text;
+  switch (utilities::ReadDeviceFile(kCartFile, kMaxCartFileBytes, &text)) {
+    case utilities::FileRead::kRead:
+      break;
+    case utilities::FileRead::kMissing:
+      return std::string();
+    case utilities::FileRead::kNotRegular:
+      return "not a regular file";
+    case utilities::FileRead::kTooLarge:
+      return "larger than 32 MiB";
+    case utilities::FileRead::kFailed:
+      return "a read error";
+  }
+  if (text.empty()) return std::string();  // nothing in it to lose
+  if (JsonCost(text.data(), text.size()) > kMaxDocumentCost) {
+    return "it would take more memory than a cart may";
+  }
+  Json::Reader reader;
+  try {
+    if (reader.parse(text.data(), text.data() + text.size(), *json, true)) return std::string();
+    return "not JSON";
+  } catch (const std::exception&) {
+    // Nested too deeply for the reader: like a broken file, it gives what was read so far.
+    return "nested too deeply";
+  }
+}
+
+// "20261122T231500Z"
+std::string UtcStamp() {
+  time_t now = time(nullptr);
+  struct tm utc {};
+  gmtime_r(&now, &utc);
+  char text[32];
+  strftime(text, sizeof(text), "%Y%m%dT%H%M%SZ", &utc);
+  return text;
+}
 
 // The signed 32-bit sum of the lines' cents; each Price is cut to 32 bits and the sum wraps
 // around as 32-bit arithmetic does.
@@ -100,22 +145,45 @@ const Book& Cart::GetItem(unsigned int index) const {
 unsigned int Cart::GetSize() const { return static_cast<unsigned int>(items_.size()); }
 
 void Cart::Save() {
-  // Nobody is told about a cart that could not be written; the cart in memory stays.
-  utilities::WriteFileAtomically(kCartFile, Json::StyledWriter().write(ToJson()));
+  // Nobody is told about a cart that could not be written; the cart in memory stays. The file
+  // may hold the shop's session, so only the device's owner reads it.
+  utilities::WriteFileAtomically(kCartFile, Json::StyledWriter().write(ToJson()), 0600);
 }
 
 void Cart::Load() {
   items_.clear();
-  std::ifstream in(utilities::DevicePath(kCartFile), std::ios::binary);
-  if (!in.is_open()) return;
-  // Like a broken file, one nested too deep for the reader (which throws) gives whatever the
-  // reader had built so far.
   Json::Value json;
-  try {
-    Json::Reader().parse(in, json, true);
-  } catch (const Json::Exception&) {
-  }
+  ReadCartFile(&json);
   FromJson(json);
+}
+
+bool Cart::SetAsideUnreadableFile(std::string* kept_as, std::string* problem) {
+  try {
+    Json::Value json;
+    std::string wrong = ReadCartFile(&json);
+    if (wrong.empty()) {
+      try {
+        Cart().FromJson(json);
+      } catch (const Json::Exception& e) {
+        wrong = std::string("a member of the wrong kind: ") + e.what();
+      }
+    }
+    if (wrong.empty()) return false;
+    std::string kept = std::string(kCartFile) + ".unreadable-" + UtcStamp();
+    for (int n = 2; access(utilities::DevicePath(kept).c_str(), F_OK) == 0; ++n) {
+      kept = std::string(kCartFile) + ".unreadable-" + UtcStamp() + "-" + std::to_string(n);
+    }
+    if (rename(utilities::DevicePath(kCartFile).c_str(), utilities::DevicePath(kept).c_str()) !=
+        0) {
+      return false;
+    }
+    Cart().Save();
+    *kept_as = kept;
+    *problem = wrong;
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
 }
 
 bool Cart::FromJson(const Json::Value& json) {

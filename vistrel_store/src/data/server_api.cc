@@ -8,6 +8,7 @@
 #include "book_list.h"
 #include "check_log.h"
 #include "language_parser.h"
+#include "memory_budget.h"
 #include "nbutils/expat_parser.h"
 #include "nbutils/http_request.h"
 
@@ -30,7 +31,7 @@ struct CheckSite {
 };
 
 // The answer as JSON; the parser's verdict is ignored, so anything that is not JSON reads as
-// null (or as much as the parser had read).
+// null, or as much as the parser had read before it stopped.
 Json::Value ParseJson(const std::vector<char>& body) {
   Json::Value value;
   if (body.empty()) return value;
@@ -38,11 +39,20 @@ Json::Value ParseJson(const std::vector<char>& body) {
   try {
     reader.parse(body.data(), body.data() + body.size(), value, true);
   } catch (const std::exception&) {
-    // The reader throws on too deeply nested input: such an answer reads as no answer, so
-    // that a hostile server cannot make the frame throw.
-    value = Json::Value();
+    // The reader throws where nesting gets too deep. What it had filled in before stays, as
+    // for any other fault: a refusal in front of the deep part stays a refusal, and a list in
+    // front of it stays a list.
   }
   return value;
+}
+
+// What the body of a 200 answer is read as, and so what building it costs.
+enum class Format { kJson, kXml };
+
+bool Affordable(const std::vector<char>& body, Format format) {
+  const int64_t cost = format == Format::kJson ? JsonCost(body.data(), body.size())
+                                               : XmlCost(body.data(), body.size());
+  return cost <= kMaxDocumentCost;
 }
 
 Result MakeErrorResult(const Json::Value& answer) {
@@ -50,11 +60,18 @@ Result MakeErrorResult(const Json::Value& answer) {
 }
 
 // Runs `request`. A runner failure is logged at `site`; a status other than 200 fails
-// silently. On 200 the body is handed back for the caller to judge.
-Result Perform(const HttpRequest& request, const CheckSite& site, std::vector<char>* body) {
+// silently. On 200 the body is handed back for the caller to judge. A body that would cost
+// more memory to read than any answer may is a failed transfer, as one beyond the runner's
+// byte cap is.
+Result Perform(const HttpRequest& request, const CheckSite& site, Format format,
+               std::vector<char>* body) {
   HttpRequestRunner runner;
   long status = 0;
   int err = runner.PerformRequest(request, &status, body, kTimeLimit);
+  if (err == 0 && status == 200 && !Affordable(*body, format)) {
+    err = -1;
+    std::vector<char>().swap(*body);
+  }
   if (err != 0) {
     LogCheckFailed(kServerApiSource, site.line, site.function, "0 == err", site.returned);
     return Result(ServerApi::kFailed);
@@ -67,7 +84,7 @@ Result Perform(const HttpRequest& request, const CheckSite& site, std::vector<ch
 // On kOk `answer` holds the whole parsed answer.
 Result ShopFrame(const HttpRequest& request, const CheckSite& site, Json::Value* answer) {
   std::vector<char> body;
-  Result result = Perform(request, site, &body);
+  Result result = Perform(request, site, Format::kJson, &body);
   if (result.code_ != ServerApi::kOk) return result;
   *answer = ParseJson(body);
   const Json::Value& parsed = *answer;
@@ -156,7 +173,7 @@ std::tuple<ServerApi::Result, SwitchboardConfig> ServerApi::CallSwitchboard(
                            "std::tuple<Result, SwitchboardConfig> "
                            "norbel::vistrel::ServerApi::CallSwitchboard(const std::string &)",
                            "make_tuple(Result(kFailed), SwitchboardConfig())"},
-                          &body);
+                          Format::kJson, &body);
   if (result.code_ != kOk) return std::make_tuple(result, SwitchboardConfig());
   return std::make_tuple(Result(kOk), SwitchboardConfig::Parse(ParseJson(body)));
 }
@@ -176,7 +193,7 @@ std::tuple<ServerApi::Result, std::vector<Language>> ServerApi::GetLanguages() {
                            "std::tuple<Result, std::vector<Language>> "
                            "norbel::vistrel::ServerApi::GetLanguages()",
                            "make_tuple(Result(kFailed), result)"},
-                          &body);
+                          Format::kXml, &body);
   if (status.code_ != kOk) return std::make_tuple(status, result);
 
   LanguageParser handler;

@@ -79,13 +79,20 @@ std::string ReadSecretText(iconfig* config, const char* name) {
   return value ? value : "";
 }
 
-// Reads the cached configuration; false when the file is missing or not JSON.
+// The cached configuration holds fourteen short texts; a file much larger is not one.
+constexpr int64_t kMaxSwitchboardCacheBytes = 64 << 10;
+
+// Reads the cached configuration; false when the file is missing, not a regular file (a FIFO
+// there must not block the start), too large or not JSON.
 bool ReadCachedConfig(Json::Value* value) {
-  std::ifstream in(utilities::DevicePath(kSwitchboardCachePath), std::ios::binary);
-  if (!in) return false;
+  std::string text;
+  if (utilities::ReadDeviceFile(kSwitchboardCachePath, kMaxSwitchboardCacheBytes, &text) !=
+      utilities::FileRead::kRead) {
+    return false;
+  }
   Json::Reader reader;
   try {
-    return reader.parse(in, *value, true);
+    return reader.parse(text.data(), text.data() + text.size(), *value, true);
   } catch (const std::exception&) {
     return false;  // too deeply nested to be a configuration
   }

@@ -1,6 +1,10 @@
-// Files of the device that must survive a crash or a power loss.
+// Files of the device that must survive a crash or a power loss, and reading files of the
+// device that someone else may have replaced by something else than a file.
 #ifndef NBUTILS_FILE_UTILS_H_
 #define NBUTILS_FILE_UTILS_H_
+
+#include <stdint.h>
+#include <sys/types.h>
 
 #include <string>
 
@@ -8,9 +12,23 @@ namespace norbel {
 namespace utilities {
 
 // Replaces the device file `device_path` by `content` atomically: readers see the old file or
-// the new one, never a torn one. False when it could not be written; the old file is then
-// untouched.
-bool WriteFileAtomically(const std::string& device_path, const std::string& content);
+// the new one, never a torn one. The file gets `mode`. False when it could not be written; the
+// old file is then untouched. Nothing is ever written through an entry that was there before
+// (a link planted at the file's name or at a temporary's name is not followed).
+bool WriteFileAtomically(const std::string& device_path, const std::string& content,
+                         mode_t mode = 0644);
+
+// What ReadDeviceFile found.
+enum class FileRead {
+  kRead,        // the whole file is in *content
+  kMissing,     // no file there
+  kNotRegular,  // a link, folder, FIFO or device: refused at once, never waited on
+  kTooLarge,    // more than the limit
+  kFailed,      // a read error
+};
+
+// Reads the device file `device_path` whole when it is a regular file of at most `max_bytes`.
+FileRead ReadDeviceFile(const std::string& device_path, int64_t max_bytes, std::string* content);
 
 }  // namespace utilities
 }  // namespace norbel

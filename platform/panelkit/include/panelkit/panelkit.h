@@ -1,6 +1,9 @@
 // The device UI/runtime library: configuration files, bitmaps, messages, tasks, network,
 // the device log and a few text helpers. Plain C functions, as on the device.
 //
+// No C++ exception leaves any of these functions: a failure inside (memory exhausted
+// included) gives the function's documented failure value.
+//
 // Paths passed to these functions are device paths ("/mnt/ext1/..."); on a host they are
 // resolved under the emulated device root (see nbutils/device_path.h).
 #ifndef PANELKIT_PANELKIT_H_
@@ -64,14 +67,16 @@ typedef struct ibitmap_s {
   unsigned char* data;
 } ibitmap;
 
-// Reads a BMP file (uncompressed, 8/24/32 bits); null when missing, truncated or absurd.
+// Reads a BMP file (uncompressed, 8/24/32 bits); null when missing, truncated or absurd, not a
+// regular file, larger than 16 MiB or wider or higher than 4096 pixels.
 ibitmap* LoadBitmap(const char* path);
 // Writes a BMP file. Returns 1 on success, 0 on failure.
 int SaveBitmap(const char* path, const ibitmap* bitmap);
 // A named bitmap of the device's resources, or a copy of `fallback` (null without one).
 // Host: "/kelmast/system/resources/<name>.bmp" under the device root.
 ibitmap* GetResource(const char* name, const ibitmap* fallback);
-// Installs the picture that the device shows while powered off.
+// Installs the picture that the device shows while powered off. A picture wider or higher than
+// 4096 pixels, or whose file would exceed 16 MiB, is not installed; failures are silent.
 void WritePartnerPowerOffLogo(const ibitmap* bitmap);
 
 // ---- Network ---------------------------------------------------------------------------------
