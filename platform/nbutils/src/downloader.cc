@@ -54,6 +54,26 @@ struct AnswerHeaders {
 
 enum class Verdict { kUndecided, kAccepted, kRestart, kFailed };
 
+// The progress of the download started last in this process, for callers without the
+// downloader at hand.
+std::atomic<bool> g_running_active{false};
+std::atomic<int64_t> g_running_total{0};
+std::atomic<int64_t> g_running_done{0};
+
+// A downloader's progress figures, mirrored to the process-wide ones.
+struct Counters {
+  std::atomic<int64_t>* total = nullptr;
+  std::atomic<int64_t>* done = nullptr;
+  void SetTotal(int64_t value) const {
+    total->store(value);
+    g_running_total.store(value);
+  }
+  void SetDone(int64_t value) const {
+    done->store(value);
+    g_running_done.store(value);
+  }
+};
+
 // What the curl callbacks of one attempt work on.
 struct Sink {
   CURL* curl = nullptr;
@@ -73,8 +93,7 @@ struct Sink {
   bool too_large = false;
   std::deque<std::pair<Clock::time_point, int64_t>> samples;  // (time, bytes received)
   int last_percent = -1;
-  std::atomic<int64_t>* total_counter = nullptr;
-  std::atomic<int64_t>* done_counter = nullptr;
+  Counters counters;
   const std::function<void(int)>* progress = nullptr;
 };
 
@@ -202,8 +221,8 @@ size_t WriteToFile(char* data, size_t size, size_t count, void* user) {
   size_t bytes = size * count;
   if (sink->verdict == Verdict::kUndecided) {
     Decide(sink);
-    sink->total_counter->store(sink->total);
-    sink->done_counter->store(sink->size);
+    sink->counters.SetTotal(sink->total);
+    sink->counters.SetDone(sink->size);
   }
   if (sink->verdict != Verdict::kAccepted) return 0;  // ends the transfer
   if (sink->limits.max_bytes > 0 &&
@@ -224,7 +243,7 @@ size_t WriteToFile(char* data, size_t size, size_t count, void* user) {
     left -= static_cast<size_t>(n);
     sink->size += n;
   }
-  sink->done_counter->store(sink->size);
+  sink->counters.SetDone(sink->size);
   if (sink->size - sink->written_back >= kWritebackStep) {
     // Starts the writeback without waiting for it; the fsync at the end still guarantees it.
     sync_file_range(sink->partial->fd(), sink->written_back, sink->size - sink->written_back,
@@ -390,11 +409,6 @@ Attempt Transfer(Sink* sink, Downloader::StatusInfo* status) {
   return attempt;
 }
 
-struct Counters {
-  std::atomic<int64_t>* total;
-  std::atomic<int64_t>* done;
-};
-
 // Downloads into the partial file beside the target and renames it into place when whole.
 int Fetch(const std::string& url, const std::string& file_path,
           const std::function<void(int)>& progress, const Downloader::Limits& limits,
@@ -433,11 +447,10 @@ int Fetch(const std::string& url, const std::string& file_path,
     sink.size = partial.resume_from();
     sink.total = partial.info().total;
     sink.limits = limits;
-    sink.total_counter = counters.total;
-    sink.done_counter = counters.done;
+    sink.counters = counters;
     sink.progress = &progress;
-    counters.total->store(sink.total);
-    counters.done->store(sink.size);
+    counters.SetTotal(sink.total);
+    counters.SetDone(sink.size);
     attempt = Transfer(&sink, status);
     if (!attempt.restart) break;
     if (round == 0 && !partial.Restart()) break;
@@ -448,7 +461,7 @@ int Fetch(const std::string& url, const std::string& file_path,
   status->resumed_from = sink.resumed_from;
   if (attempt.error != 0) {
     if (attempt.keep) {
-      partial.Keep();
+      status->kept = partial.Keep();
     } else {
       partial.Discard();
     }
@@ -496,14 +509,17 @@ Downloader::~Downloader() = default;
 
 int Downloader::Download(const std::string& url, const std::string& file_path,
                          const std::function<void(int)>& progress) {
-  total_.store(0);
-  done_.store(0);
+  Counters counters{&total_, &done_};
+  counters.SetTotal(0);
+  counters.SetDone(0);
   active_.store(true);
+  g_running_active.store(true);
   StatusInfo status;
   status.url = url;
-  status.error = Fetch(url, file_path, progress, limits_, Counters{&total_, &done_}, &status);
+  status.error = Fetch(url, file_path, progress, limits_, counters, &status);
   if (status.error == 0) status.file_path = file_path;
   active_.store(false);
+  g_running_active.store(false);
   LogDownload(status, file_path);
   {
     std::lock_guard<std::mutex> guard(LastLock());
@@ -525,6 +541,12 @@ void Downloader::GetProgress(bool* active, int64_t* total, int64_t* done) const 
 Downloader::StatusInfo Downloader::GetStatusInfo() const {
   std::lock_guard<std::mutex> guard(status_lock_);
   return status_;
+}
+
+void Downloader::GetRunningProgress(bool* active, int64_t* total, int64_t* done) {
+  if (active) *active = g_running_active.load();
+  if (total) *total = g_running_total.load();
+  if (done) *done = g_running_done.load();
 }
 
 Downloader::StatusInfo Downloader::LastStatus() {

@@ -9,8 +9,6 @@
 
 #include "curl_handle.h"
 
-#include "curl_handle.h"
-
 namespace norbel {
 namespace utilities {
 namespace {

@@ -240,14 +240,15 @@ bool PartialFile::Commit(const std::string& target, std::string* error) {
   return true;
 }
 
-void PartialFile::Keep() {
+bool PartialFile::Keep() {
   off_t size = fd_ >= 0 ? lseek(fd_, 0, SEEK_END) : 0;
   if (!has_info_ || size <= 0) {
     Discard();
-    return;
+    return false;
   }
   close(fd_);
   fd_ = -1;
+  return true;
 }
 
 void PartialFile::Discard() {

@@ -54,7 +54,8 @@ class PartialFile {
   // flushes the folder.
   bool Commit(const std::string& target, std::string* error);
   // Keeps data and record for a later attempt when the record allows one, else removes both.
-  void Keep();
+  // True when kept.
+  bool Keep();
   // Removes data and record.
   void Discard();
 

@@ -31,6 +31,7 @@ class Downloader {
     bool timed_out = false;    // the total time limit, or no connection in time
     bool too_large = false;    // beyond the byte cap of Limits
     bool name_too_long = false;
+    bool kept = false;  // the bytes received wait in the partial file for the next attempt
     // Set through NoteRefusedType when the caller deleted the file for its type.
     std::string refused_type;
   };
@@ -92,6 +93,9 @@ class Downloader {
   // in this process, whichever downloader ran it, and the caller's note that it removed that
   // download's file because of its content type.
   static StatusInfo LastStatus();
+  // Addition: as GetProgress, for the download started last in this process, whichever
+  // downloader runs it.
+  static void GetRunningProgress(bool* active, int64_t* total, int64_t* done);
   static void NoteRefusedType(const std::string& content_type);
 
   // Removes, from the device folder `folder`, the partial files of downloads that `wanted`
