@@ -14,6 +14,8 @@ constexpr int kMaxBarWidth = 30;
 constexpr int kMinBarWidth = 10;
 // The rate is measured over this much of the recent past.
 constexpr std::chrono::seconds kRateWindow{5};
+// Beyond this the time left means nothing to anyone (and would not fit).
+constexpr double kMaxSecondsShown = 100 * 3600;
 
 // Characters of UTF-8 text (continuation bytes do not count).
 int TextColumns(const std::string& text) {
@@ -84,7 +86,10 @@ std::string ProgressDisplay::Line(const std::string& label, int percent, int64_t
   std::vector<std::string> parts = {head};
   parts.push_back(total > 0 ? Bytes(done) + " / " + Bytes(total) : Bytes(done));
   if (rate >= 0) parts.push_back(Bytes(static_cast<int64_t>(rate)) + "/s");
-  if (rate > 0 && total > done) parts.push_back(TimeLeft(static_cast<double>(total - done) / rate));
+  const double seconds_left = rate > 0 ? static_cast<double>(total - done) / rate : -1;
+  if (total > done && seconds_left >= 0 && seconds_left < kMaxSecondsShown) {
+    parts.push_back(TimeLeft(seconds_left));
+  }
   auto join = [&parts](size_t count) {
     std::string text;
     for (size_t i = 0; i < count; ++i) text += (i == 0 ? "" : "  ") + parts[i];
