@@ -152,6 +152,7 @@ void Fail(Sink* sink, Verdict verdict, const std::string& why) {
 // Keeps the record of a whole-file answer before its body is written.
 void StartWholeFile(Sink* sink, int64_t length) {
   sink->size = 0;
+  sink->written_back = 0;
   sink->resumed_from = 0;
   sink->total = length > 0 ? length : 0;
   PartialInfo info;
@@ -445,6 +446,7 @@ int Fetch(const std::string& url, const std::string& file_path,
     sink.name = name;
     sink.asked_from = partial.resume_from();
     sink.size = partial.resume_from();
+    sink.written_back = partial.resume_from();  // an earlier attempt handed those to the disk
     sink.total = partial.info().total;
     sink.limits = limits;
     sink.counters = counters;

@@ -75,8 +75,8 @@ class Downloader {
   //
   // Every download, finished or not, appends one line to the device's event log:
   //   download <"ok"|"failed"> <http status> <bytes> <total> <resumed from> <content type>
-  //            <device path> <url> <error text>
-  // tab-separated, control characters replaced by spaces.
+  //            <device path> <url without its query> <error text>
+  // tab-separated, control characters replaced by spaces (a query may carry a token).
   int Download(const std::string& url, const std::string& file_path,
                const std::function<void(int)>& progress);
 
