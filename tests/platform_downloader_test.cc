@@ -449,11 +449,12 @@ TEST_F(ResumeDownloadTest, StalePartialsAreRemoved) {
   WriteDeviceFile(folder + "/.orphan.pdf.part.info", "vistrel-partial 1\n");
   WriteDeviceFile(folder + "/.someone-elses-file", "keep me");
   const std::string old_data = HostPath(folder + "/.old.pdf.part");
-  struct timespec times[2] = {{time(nullptr) - 10 * 86400, 0}, {time(nullptr) - 10 * 86400, 0}};
+  const time_t ten_days_ago = time(nullptr) - time_t{10 * 86400};
+  struct timespec times[2] = {{ten_days_ago, 0}, {ten_days_ago, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, old_data.c_str(), times, 0), 0);
 
   auto wanted = [](const std::string& name) { return name == "wanted.pdf" || name == "old.pdf"; };
-  EXPECT_EQ(Downloader::RemoveStalePartials(folder, wanted, 3 * 86400), 6);
+  EXPECT_EQ(Downloader::RemoveStalePartials(folder, wanted, int64_t{3} * 86400), 6);
   std::vector<std::string> left;
   for (const auto& entry : std::filesystem::directory_iterator(HostPath(folder))) {
     left.push_back(entry.path().filename().string());

@@ -180,7 +180,8 @@ void FileHost::Serve(int fd) {
   FileAnswer answer = handler(request);
   std::string out =
       "HTTP/1.1 " + std::to_string(answer.status) + " Answer\r\nConnection: close\r\n";
-  for (const auto& [name, value] : answer.headers) out += name + ": " + value + "\r\n";
+  for (const auto& [name, value] : answer.headers)
+    out.append(name).append(": ").append(value).append("\r\n");
   if (answer.send_length) out += "Content-Length: " + std::to_string(answer.body.size()) + "\r\n";
   out += "\r\n";
   if (!SendAll(fd, out.data(), out.size())) return;

@@ -12,7 +12,6 @@ namespace vistrel_cli {
 
 using norbel::vistrel::Book;
 using norbel::vistrel::BookStatus;
-using norbel::vistrel::ServerApi;
 using norbel::vistrel::StoreManager;
 using DownloadStatus = norbel::utilities::Downloader::StatusInfo;
 

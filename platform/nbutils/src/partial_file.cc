@@ -28,7 +28,7 @@ constexpr char kMagic[] = "vistrel-partial 1";
 // The longest name a folder entry takes on the device's file systems.
 constexpr size_t kMaxNameBytes = 255;
 // A record holds a link, a name and a validator; anything longer is not one of ours.
-constexpr off_t kMaxInfoBytes = 16 * 1024;
+constexpr off_t kMaxInfoBytes = 16384;
 
 bool EndsWith(const std::string& text, const char* suffix) {
   size_t n = std::strlen(suffix);

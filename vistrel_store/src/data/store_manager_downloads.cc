@@ -27,7 +27,7 @@ constexpr int kScannerTimeout = 2000;
 // Gives the scanner time to take the request before the caller's screen goes on.
 constexpr useconds_t kScannerPause = 200000;
 // Partial files of earlier downloads are kept for this long to be continued.
-constexpr int64_t kPartialMaxAgeSeconds = 3 * 24 * 3600;
+constexpr int64_t kPartialMaxAgeSeconds = int64_t{3} * 24 * 3600;
 
 // The text after the last "/" (all of it without one).
 std::string AfterLastSlash(const std::string& id) { return id.substr(id.rfind('/') + 1); }
