@@ -197,6 +197,11 @@ TEST_F(ResumeDownloadTest, ServersThatCannotContinueGetTheWholeFileAgain) {
     answer.headers.emplace_back("Content-Range", "bytes 1000-199999/200000");
     return answer;
   };
+  auto changed_size = [&](const FileRequest& request) {
+    FileAnswer answer = ServeFile(request, content, "\"e\"", "");
+    if (answer.status == 206) answer.headers.back().second = "bytes 80000-199999/250000";
+    return answer;
+  };
   auto ignores_ranges = [&](const FileRequest&) {
     FileAnswer answer;
     answer.headers = {{"ETag", "\"e\""}};
@@ -214,6 +219,7 @@ TEST_F(ResumeDownloadTest, ServersThatCannotContinueGetTheWholeFileAgain) {
       {"file changed", CutAt(80000, content, "\"e\""), Serve(changed, "\"f\""), changed, true, 2},
       {"206 at the wrong offset", CutAt(80000, content, "\"e\""), wrong_offset, content, true, 3},
       {"range refused", CutAt(80000, content, "\"e\""), past_the_end, content, true, 3},
+      {"changed size", CutAt(80000, content, "\"e\""), changed_size, content, true, 3},
       {"no validators", CutAt(80000, content, ""), Serve(content, ""), content, false, 2},
   };
   for (const Case& c : cases) {
