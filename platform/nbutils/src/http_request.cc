@@ -9,6 +9,8 @@
 
 #include "curl_handle.h"
 
+#include "curl_handle.h"
+
 namespace norbel {
 namespace utilities {
 namespace {
