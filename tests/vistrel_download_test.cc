@@ -175,6 +175,7 @@ TEST_F(VistrelDownloadTest, EveryFailedBookGetsItsReasonAndACutBookGoesOnWhereIt
     return vistrel_test::ServeFile(request, content, "\"c1\"", "");
   });
   EXPECT_EQ(Vistrel("download 4"), 0) << err_;
+  ASSERT_FALSE(files_.requests().empty());
   EXPECT_EQ(files_.requests().back().Header("range"), "bytes=100000-");
   EXPECT_TRUE(ReadDeviceFile("/mnt/ext1/Downloads/A - Cut.pdf") == content);
 }
