@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -448,7 +449,7 @@ TEST_F(ResumeDownloadTest, StalePartialsAreRemoved) {
   const std::string folder = "/mnt/ext1/Downloads";
   FileHost host(CutAt(1000, Content(5000), "\"s\""));
   Downloader downloader;
-  for (const char* name : {"wanted.pdf", "unwanted.pdf", "old.pdf"}) {
+  for (const char* name : {"wanted.pdf", "unwanted.pdf", "old.pdf", "busy.pdf"}) {
     EXPECT_NE(downloader.Download(host.Url("/b"), folder + "/" + name, nullptr), 0);
   }
   WriteDeviceFile(folder + "/.left-by-an-older-version.part", "x");
@@ -459,14 +460,20 @@ TEST_F(ResumeDownloadTest, StalePartialsAreRemoved) {
   struct timespec times[2] = {{ten_days_ago, 0}, {ten_days_ago, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, old_data.c_str(), times, 0), 0);
 
+  // Another process's download holds this one: it stays although nobody here wants it.
+  const int busy = open(HostPath(folder + "/.busy.pdf.part").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(flock(busy, LOCK_EX), 0);
+
   auto wanted = [](const std::string& name) { return name == "wanted.pdf" || name == "old.pdf"; };
   EXPECT_EQ(Downloader::RemoveStalePartials(folder, wanted, int64_t{3} * 86400), 6);
+  close(busy);
   std::vector<std::string> left;
   for (const auto& entry : std::filesystem::directory_iterator(HostPath(folder))) {
     left.push_back(entry.path().filename().string());
   }
   std::sort(left.begin(), left.end());
-  EXPECT_EQ(left, (std::vector<std::string>{".someone-elses-file", ".wanted.pdf.part",
+  EXPECT_EQ(left, (std::vector<std::string>{".busy.pdf.part", ".busy.pdf.part.info",
+                                            ".someone-elses-file", ".wanted.pdf.part",
                                             ".wanted.pdf.part.info"}));
 }
 

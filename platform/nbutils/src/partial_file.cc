@@ -116,6 +116,15 @@ std::string TargetOfData(const std::string& folder, const std::string& entry) {
   return stem.substr(1);
 }
 
+// Whether a running download (of any process) holds the data entry `entry`.
+bool InUse(int dir_fd, const std::string& entry) {
+  int fd = openat(dir_fd, entry.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool busy = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  close(fd);  // also drops the lock if it was taken
+  return busy;
+}
+
 }  // namespace
 
 PartialFile::PartialFile(const std::string& folder, const std::string& name)
@@ -287,7 +296,7 @@ int PartialFile::RemoveStale(const std::string& folder,
     } else if (EndsWith(entry, kDataSuffix)) {
       std::string name = TargetOfData(folder, entry);
       bool unwanted = !name.empty() && !wanted(name);
-      if (unwanted || age(entry) > max_age_seconds) {
+      if ((unwanted || age(entry) > max_age_seconds) && !InUse(dir_fd, entry)) {
         std::string stem = entry.substr(0, entry.size() - std::strlen(kDataSuffix));
         remove(stem + kInfoSuffix);
         remove(entry);

@@ -65,8 +65,8 @@ class PartialFile {
 
   // Removes, in the host folder `folder`, what downloads left behind: data and records of files
   // for which `wanted` says false, or whose data has not changed for `max_age_seconds`, and
-  // records without data. Files it did not make (other names) are left alone. Returns the
-  // number of entries removed.
+  // records without data. Files it did not make (other names) and data that a download holds
+  // locked are left alone. Returns the number of entries removed.
   static int RemoveStale(const std::string& folder,
                          const std::function<bool(const std::string&)>& wanted,
                          int64_t max_age_seconds);

@@ -100,8 +100,8 @@ class Downloader {
 
   // Removes, from the device folder `folder`, the partial files of downloads that `wanted`
   // (given a file name in the folder) no longer wants, and those unchanged for
-  // `max_age_seconds`. Returns the number of entries removed. Do not call it for a folder
-  // while a download into it runs.
+  // `max_age_seconds`. Partial files that a running download (of any process) holds are left
+  // alone. Returns the number of entries removed.
   static int RemoveStalePartials(const std::string& folder,
                                  const std::function<bool(const std::string&)>& wanted,
                                  int64_t max_age_seconds);

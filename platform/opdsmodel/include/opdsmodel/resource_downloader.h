@@ -33,8 +33,8 @@ class ResourceDownloader {
   // Additions. Bounds of the next downloads (see Downloader::Limits); call it while none runs.
   void SetLimits(const utilities::Downloader::Limits& limits);
   // Removes the partial files in the folder that earlier downloads left: those of file names
-  // that `wanted` no longer wants and those older than `max_age_seconds`. Call it while no
-  // download into the folder runs. Returns the number of entries removed.
+  // that `wanted` no longer wants and those older than `max_age_seconds`, but none that a
+  // running download holds. Returns the number of entries removed.
   int RemoveStalePartials(const std::function<bool(const std::string&)>& wanted,
                           int64_t max_age_seconds);
 
