@@ -3,6 +3,8 @@
 // and never holds more than one buffer:
 //   GET /bytes/<n>  n bytes, as fast as the connection takes them;
 //   GET /paced/<n>  n bytes, 16 KiB every 20 ms (a download that stays under way).
+// Every answer carries the same strong ETag, and /bytes/ answers "Range: bytes=<from>-" (with a
+// matching If-Range) by a 206 with the rest, as a file server that supports ranges does.
 // Each connection is served by a forked process; Stop() ends them all.
 #ifndef BENCH_STREAM_SERVER_H_
 #define BENCH_STREAM_SERVER_H_

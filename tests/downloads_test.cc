@@ -6,6 +6,8 @@
 #include <chrono>
 #include <thread>
 
+#include "nbutils/downloader.h"
+#include "support/file_host.h"
 #include "support/shop_fixture.h"
 #include "vistrel_store/store_manager.h"
 
@@ -119,6 +121,83 @@ TEST_F(DownloadsTest, ASecondBookAskedForDuringADownloadIsTakenAndLost) {
   EXPECT_EQ(Status("1"), norbel::vistrel::kDownloaded);
   EXPECT_EQ(Status("2"), norbel::vistrel::kPurchased);
   EXPECT_TRUE(server_.requests("/files/other").empty());
+}
+
+TEST_F(DownloadsTest, StatusFindsTheFirstBookOfAnEanAndFollowsAReload) {
+  // Two purchases of Ean 1: the first one's name decides where the file is looked for.
+  const std::string first = R"({"orderPositionEan": "1", "orderPositionTitle": "First",
+      "orderPositionAuthor": "A", "orderPositionEbookFormat": "PDF"})";
+  const std::string second = R"({"orderPositionEan": "1", "orderPositionTitle": "Second",
+      "orderPositionAuthor": "A", "orderPositionEbookFormat": "PDF"})";
+  const std::string no_ean = R"({"orderPositionTitle": "Nameless", "orderPositionAuthor": "A"})";
+  server_.Set("/ws/shop/getUserEbook",
+              Answer(ShopOk("[" + first + ", " + second + ", " + no_ean + "]")));
+  StoreConfigValue("session_id", "sess");
+  ASSERT_EQ(store_->Init(), 0);
+  WriteDeviceFile("/mnt/ext1/Downloads/A - Second.pdf", "%PDF");
+  EXPECT_EQ(Status("1"), norbel::vistrel::kPurchased);
+  EXPECT_NE(Status(""), norbel::vistrel::kUnknown);  // a book without Ean matches "" only
+  WriteDeviceFile("/mnt/ext1/Downloads/A - First.pdf", "%PDF");
+  EXPECT_EQ(store_->GetBookStatus("1").path_, "/mnt/ext1/Downloads/A - First.pdf");
+
+  server_.Set("/ws/shop/getUserEbook", Answer(ShopOk("[" + second + "]")));
+  store_->LoadPurchased();
+  EXPECT_EQ(store_->GetBookStatus("1").path_, "/mnt/ext1/Downloads/A - Second.pdf");
+  EXPECT_EQ(Status(""), norbel::vistrel::kUnknown);
+  store_->LogOut();
+  EXPECT_EQ(Status("1"), norbel::vistrel::kUnknown);
+}
+
+TEST_F(DownloadsTest, DownloadsStartByRemovingPartialsOfBooksNoLongerBoughtAndResume) {
+  const std::string content(300000, 'r');
+  vistrel_test::FileHost files([&](const vistrel_test::FileRequest& request) {
+    return vistrel_test::ServeFile(request, content, "\"r1\"", "");
+  });
+  // The first book's link is on the file host: a killed download of it left a third.
+  Start({"unused"});
+  const std::string url = files.Url("/resumed");
+  server_.Set("/ws/shop/getUserEbook",
+              Answer(ShopOk(R"([{"orderPositionEan": "1", "orderPositionTitle": "Title 1",
+                  "orderPositionAuthor": "Author", "orderPositionEbookFormat": "PDF",
+                  "orderPositionEbookLink": ")" +
+                            url + "\"}]")));
+  store_->LoadPurchased();
+  const std::string partial = "/mnt/ext1/Downloads/.Author - Title 1.pdf.part";
+  WriteDeviceFile(partial, content.substr(0, 100000));
+  WriteDeviceFile(partial + ".info", "vistrel-partial 1\nurl " + url +
+                                         "\nname Author - Title 1.pdf\n"
+                                         "validator \"r1\"\ntotal 300000\n");
+  // And one of a book that is no longer among the purchases.
+  WriteDeviceFile("/mnt/ext1/Downloads/.Gone - Book.pdf.part", std::string(5000, 'g'));
+  store_->DownloadBookById("1");
+  DrainDownloads();
+  EXPECT_TRUE(ReadDeviceFile("/mnt/ext1/Downloads/Author - Title 1.pdf") == content);
+  EXPECT_EQ(DeviceFolderEntries("/mnt/ext1/Downloads"), 1u);
+  EXPECT_EQ(files.requests().at(0).Header("range"), "bytes=100000-");
+}
+
+TEST_F(DownloadsTest, ARefusedTypeIsKeptForTheCallerAndTheStandbyPictureIsCapped) {
+  server_.Set("/files/page", Answer("<html>sign in</html>", 200, "text/html"));
+  Start({"page"});
+  store_->DownloadBookById("1");
+  DrainDownloads();
+  const norbel::utilities::Downloader::StatusInfo last =
+      norbel::utilities::Downloader::LastStatus();
+  EXPECT_EQ(last.error, 0);
+  EXPECT_EQ(last.refused_type, "text/html");
+  EXPECT_EQ(Status("1"), norbel::vistrel::kPurchased);
+
+  // A standby picture beyond 16 MiB is given up without effect on the configuration fetch.
+  Reply huge;
+  huge.generated_bytes = (16 << 20) + 1;
+  huge.content_type = "image/bmp";
+  server_.Set("/huge.bmp", huge);
+  server_.Set(std::string("/norbel/config/") + kSerial,
+              Answer(ConfigJson(ShopUrl(), server_.base_url() + "/huge.bmp")));
+  EXPECT_EQ(store_->ConfigFromServer(), 0);
+  EXPECT_TRUE(norbel::utilities::Downloader::LastStatus().too_large);
+  EXPECT_TRUE(EventsOfKind("poweroff-logo").empty());
+  EXPECT_EQ(DeviceFolderEntries("/tmp"), 0u);
 }
 
 }  // namespace

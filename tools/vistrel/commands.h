@@ -21,9 +21,10 @@ struct Command {
 // Every command, in the order "vistrel --help" lists them.
 const std::vector<Command>& Commands();
 
-// Downloads one purchased book, showing progress on stdout, and returns its final status
-// (kDownloaded with its path on success). Polls the store every 100 ms. When `seen` is given,
-// each status the book passes through is appended to it (repeats collapsed).
+// Downloads one purchased book, showing its progress (see ProgressDisplay) and the reason of a
+// failure, and returns its final status (kDownloaded with its path on success). Polls the store
+// every 100 ms. When `seen` is given, each status the book passes through is appended to it
+// (repeats collapsed).
 norbel::vistrel::BookStatus DownloadWithProgress(norbel::vistrel::StoreManager* store,
                                                  const norbel::vistrel::Book& book,
                                                  std::vector<int>* seen = nullptr);

@@ -5,14 +5,43 @@
 
 #include "cli.h"
 #include "commands.h"
+#include "nbutils/downloader.h"
 #include "progress_display.h"
 
 namespace vistrel_cli {
 
 using norbel::vistrel::Book;
 using norbel::vistrel::BookStatus;
-using norbel::vistrel::ServerApi;
 using norbel::vistrel::StoreManager;
+using DownloadStatus = norbel::utilities::Downloader::StatusInfo;
+
+namespace {
+
+// Why a download failed, in words for the person waiting for it.
+std::string FailureReason(const DownloadStatus& last, const std::string& link) {
+  if (last.url != link) return "no download ran";
+  if (!last.refused_type.empty()) {
+    return "the server sent " + last.refused_type + " instead of a book";
+  }
+  std::string reason;
+  if (last.too_slow) {
+    reason = "the connection was too slow (" + last.error_text + ")";
+  } else if (last.timed_out) {
+    reason = "timed out (" + last.error_text + ")";
+  } else if (last.http_code >= 400) {
+    reason = "the server answered HTTP " + std::to_string(last.http_code);
+  } else if (!last.error_text.empty()) {
+    reason = last.error_text;
+  } else {
+    reason = "the download failed";
+  }
+  if (last.kept) {
+    reason += "; " + ProgressDisplay::Bytes(last.bytes) + " kept, run the command again to go on";
+  }
+  return reason;
+}
+
+}  // namespace
 
 int RunPurchased(const std::vector<std::string>& words) {
   if (!words.empty()) return Usage("purchased takes no arguments");
@@ -86,7 +115,7 @@ int RunStatus(const std::vector<std::string>& words) {
 
 BookStatus DownloadWithProgress(StoreManager* store, const Book& book, std::vector<int>* seen) {
   const std::string ean = Prop(book, Book::Ean);
-  ProgressDisplay progress(stdout, Describe(book));
+  ProgressDisplay progress(Describe(book));
   auto note = [seen](int state) {
     if (seen != nullptr && (seen->empty() || seen->back() != state)) seen->push_back(state);
   };
@@ -102,17 +131,23 @@ BookStatus DownloadWithProgress(StoreManager* store, const Book& book, std::vect
     const int running = store->CheckDownloadState();
     status = store->GetBookStatus(ean);
     note(status.status_);
-    if (status.status_ == norbel::vistrel::kDownloading) progress.Update(status.progress_);
+    if (status.status_ == norbel::vistrel::kDownloading) {
+      bool active = false;
+      int64_t total = 0, done = 0;
+      norbel::utilities::Downloader::GetRunningProgress(&active, &total, &done);
+      if (active) progress.Update(status.progress_, done, total);
+    }
     if (running == 0) break;
     usleep(100 * 1000);
   }
   status = store->GetBookStatus(ean);
   note(status.status_);
+  const DownloadStatus last = norbel::utilities::Downloader::LastStatus();
   if (status.status_ == norbel::vistrel::kDownloaded) {
-    progress.Update(100);
+    progress.Update(100, last.bytes, last.total);
     progress.Finish(status.path_);
   } else {
-    progress.Finish("failed (" + StateName(status.status_) + ")");
+    progress.Finish("failed: " + FailureReason(last, Prop(book, Book::EbookLink)));
   }
   return status;
 }

@@ -1,15 +1,17 @@
 #include "opdsmodel/resource_downloader.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace norbel {
 namespace opds {
 namespace {
 
-int ClampToInt(int64_t value) {
-  if (value > std::numeric_limits<int>::max()) return std::numeric_limits<int>::max();
-  if (value < 0) return 0;
-  return static_cast<int>(value);
+// The shift that brings `total` into the int range.
+int ScaleShift(int64_t total) {
+  int shift = 0;
+  while ((total >> shift) > std::numeric_limits<int>::max()) ++shift;
+  return shift;
 }
 
 // Keeps a server- or caller-given name inside the folder: no folders, no "." or "..".
@@ -42,8 +44,12 @@ void ResourceDownloader::GetProgress(bool* active, std::string* name, int* total
   int64_t done_bytes = 0;
   downloader_.GetProgress(&is_active, &total_bytes, &done_bytes);
   if (active) *active = is_active;
-  if (total) *total = ClampToInt(total_bytes);
-  if (done) *done = ClampToInt(done_bytes);
+  if (total_bytes < 0) total_bytes = 0;
+  if (done_bytes < 0) done_bytes = 0;
+  if (done_bytes > total_bytes && total_bytes > 0) done_bytes = total_bytes;
+  const int shift = ScaleShift(std::max(total_bytes, done_bytes));
+  if (total) *total = static_cast<int>(total_bytes >> shift);
+  if (done) *done = static_cast<int>(done_bytes >> shift);
   if (name) {
     std::lock_guard<std::mutex> guard(name_lock_);
     *name = current_name_;
@@ -52,6 +58,15 @@ void ResourceDownloader::GetProgress(bool* active, std::string* name, int* total
 
 utilities::Downloader::StatusInfo ResourceDownloader::GetStatusInfo() const {
   return downloader_.GetStatusInfo();
+}
+
+void ResourceDownloader::SetLimits(const utilities::Downloader::Limits& limits) {
+  downloader_.SetLimits(limits);
+}
+
+int ResourceDownloader::RemoveStalePartials(const std::function<bool(const std::string&)>& wanted,
+                                            int64_t max_age_seconds) {
+  return utilities::Downloader::RemoveStalePartials(folder_, wanted, max_age_seconds);
 }
 
 }  // namespace opds

@@ -6,6 +6,7 @@
 #include <future>
 #include <string>
 #include <tuple>
+#include <unordered_map>
 #include <vector>
 
 #include "opdsmodel/resource_downloader.h"
@@ -158,6 +159,10 @@ class VISTREL_STORE_EXPORT StoreManager {
   ServerApi::Result SignIn(SignInCall call, const std::string& email, const std::string& password);
   // Gives a finished download its final name and announces it, or reports and deletes it.
   void FinishDownload();
+  // Every change of purchased_ goes through here, so that the index by Ean follows it.
+  void SetPurchased(std::vector<Book> books);
+  // The first purchased book with exactly this Ean, or null.
+  const Book* FindPurchased(const std::string& ean) const;
 
   ServerApi server_api_;
   SwitchboardConfig config_;
@@ -165,6 +170,11 @@ class VISTREL_STORE_EXPORT StoreManager {
   std::vector<Language> languages_;
   Cart cart_;
   std::vector<Book> purchased_;
+  // Ean -> position of the first purchased book with it: a library screen asks for the status
+  // of every book it shows, and the list can hold tens of thousands.
+  std::unordered_map<std::string, size_t> purchased_index_;
+  // Whether the partial files of earlier downloads were checked against purchased_.
+  bool partials_checked_ = false;
   std::vector<Book> download_queue_;
   opds::ResourceDownloader downloader_;
   std::future<int> download_future_;

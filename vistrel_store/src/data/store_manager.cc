@@ -25,6 +25,10 @@ constexpr char kDownloadFolder[] = "/mnt/ext1/Downloads";
 constexpr char kStandbyFolder[] = "/tmp";
 constexpr char kStandbyName[] = "logo_from_vistrel.bmp";
 constexpr char kStandbyPath[] = "/tmp/logo_from_vistrel.bmp";
+// The standby picture's download blocks the caller's start-up: bounded like a shop call, and
+// in size far beyond any screen's picture.
+constexpr int64_t kStandbyMaxBytes = 16 << 20;
+constexpr int64_t kStandbyMaxMilliseconds = 30000;
 
 // A fetched configuration stays fresh for this many seconds.
 constexpr uint32_t kSwitchboardMaxAge = 1800;
@@ -166,6 +170,10 @@ int StoreManager::ConfigFromServer() {
 
   if (!config_.clientStandbyImage.empty()) {
     opds::ResourceDownloader downloader(kStandbyFolder, nullptr);
+    utilities::Downloader::Limits limits;
+    limits.max_bytes = kStandbyMaxBytes;
+    limits.max_milliseconds = kStandbyMaxMilliseconds;
+    downloader.SetLimits(limits);
     if (downloader.DownloadResource(config_.clientStandbyImage, kStandbyName, nullptr) == 0) {
       if (ibitmap* picture = LoadBitmap(kStandbyPath)) {
         WritePartnerPowerOffLogo(picture);
@@ -227,7 +235,7 @@ void StoreManager::LogOut() {
   server_api_.session_id_ = session_id_;
   cart_.Clear();
   cart_.Save();
-  purchased_.clear();
+  SetPurchased({});
   download_queue_.clear();
   current_download_ = Book();
 }
@@ -258,7 +266,9 @@ std::string StoreManager::getPassword() {
 
 std::vector<Book> StoreManager::LoadPurchased() {
   ServerApi::Result result;
-  std::tie(result, purchased_) = server_api_.GetUserEbook();
+  std::vector<Book> books;
+  std::tie(result, books) = server_api_.GetUserEbook();
+  SetPurchased(std::move(books));
   return purchased_;
 }
 

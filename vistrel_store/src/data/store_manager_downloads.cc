@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <unordered_set>
 
 #include "book_props.h"
 #include "check_log.h"
@@ -24,6 +26,8 @@ constexpr int kScannerRequestNumber = 84;
 constexpr int kScannerTimeout = 2000;
 // Gives the scanner time to take the request before the caller's screen goes on.
 constexpr useconds_t kScannerPause = 200000;
+// Partial files of earlier downloads are kept for this long to be continued.
+constexpr int64_t kPartialMaxAgeSeconds = int64_t{3} * 24 * 3600;
 
 // The text after the last "/" (all of it without one).
 std::string AfterLastSlash(const std::string& id) { return id.substr(id.rfind('/') + 1); }
@@ -48,14 +52,25 @@ bool IsSupported(const std::string& path, const std::string& ext) {
 
 }  // namespace
 
+void StoreManager::SetPurchased(std::vector<Book> books) {
+  purchased_ = std::move(books);
+  purchased_index_.clear();
+  purchased_index_.reserve(purchased_.size());
+  for (size_t i = 0; i < purchased_.size(); ++i) {
+    purchased_index_.emplace(EanOf(purchased_[i]), i);  // keeps the first of equal Eans
+  }
+  partials_checked_ = false;
+}
+
+const Book* StoreManager::FindPurchased(const std::string& ean) const {
+  auto found = purchased_index_.find(ean);
+  return found == purchased_index_.end() ? nullptr : &purchased_[found->second];
+}
+
 int StoreManager::DownloadBookById(const std::string& id) {
-  std::string ean = AfterLastSlash(id);
-  for (const Book& book : purchased_) {
-    if (HasEan(book, ean)) {
-      download_queue_.push_back(book);
-      CheckDownloadState();
-      break;
-    }
+  if (const Book* book = FindPurchased(AfterLastSlash(id))) {
+    download_queue_.push_back(*book);
+    CheckDownloadState();
   }
   return 0;
 }
@@ -83,7 +98,21 @@ int StoreManager::CheckDownloadState() {
   std::string url = current_download_.string_props_[Book::EbookLink];
   std::string file_name = GenerateBookShortFileName(current_download_);
   if (!download_future_.valid()) {
-    download_future_ = std::async(std::launch::async, [this, url, file_name] {
+    // Once per list of purchased books, the first task removes the partial files of books no
+    // longer bought, and old ones, before it starts.
+    std::shared_ptr<std::unordered_set<std::string>> wanted;
+    if (!partials_checked_) {
+      wanted = std::make_shared<std::unordered_set<std::string>>();
+      for (const Book& book : purchased_) wanted->insert(GenerateBookShortFileName(book));
+      wanted->insert(file_name);
+      partials_checked_ = true;
+    }
+    download_future_ = std::async(std::launch::async, [this, url, file_name, wanted] {
+      if (wanted) {
+        downloader_.RemoveStalePartials(
+            [&wanted](const std::string& name) { return wanted->count(name) > 0; },
+            kPartialMaxAgeSeconds);
+      }
       return downloader_.DownloadResource(url, file_name, nullptr);
     });
   }
@@ -116,6 +145,9 @@ void StoreManager::FinishDownload() {
       usleep(kScannerPause);
     }
   } else {
+    // Kept for whoever explains the failure: the type that made the file unwanted.
+    utilities::Downloader::NoteRefusedType(info.content_type.empty() ? "." + ext
+                                                                     : info.content_type);
     ShowDownloadError();
     pk_unlink(path.c_str());
   }
@@ -127,13 +159,7 @@ BookStatus StoreManager::GetBookStatus(const std::string& ean) {
     status.status_ = kInCart;
     return status;
   }
-  const Book* purchased = nullptr;
-  for (const Book& book : purchased_) {
-    if (HasEan(book, ean)) {
-      purchased = &book;
-      break;
-    }
-  }
+  const Book* purchased = FindPurchased(ean);
   if (purchased == nullptr) return status;
 
   std::string path = GetBookFile(*purchased);

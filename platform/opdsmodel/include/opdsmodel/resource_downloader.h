@@ -24,9 +24,19 @@ class ResourceDownloader {
   int DownloadResource(const std::string& url, const std::string& file_name,
                        std::function<void(int)> progress);
 
-  // Safe from any thread while DownloadResource runs. `total` and `done` are bytes (clamped
-  // to the int range); `name` is the file name of the running download.
+  // Safe from any thread while DownloadResource runs. `total` and `done` are bytes, the ones
+  // kept from an earlier attempt included; `name` is the file name of the running download.
+  // A size beyond the int range is reported as a scaled pair: both numbers shifted right by
+  // the same number of bits, so that total fits and done / total keeps its ratio.
   void GetProgress(bool* active, std::string* name, int* total, int* done);
+
+  // Additions. Bounds of the next downloads (see Downloader::Limits); call it while none runs.
+  void SetLimits(const utilities::Downloader::Limits& limits);
+  // Removes the partial files in the folder that earlier downloads left: those of file names
+  // that `wanted` no longer wants and those older than `max_age_seconds`, but none that a
+  // running download holds. Returns the number of entries removed.
+  int RemoveStalePartials(const std::function<bool(const std::string&)>& wanted,
+                          int64_t max_age_seconds);
 
   // The status of the last finished download: declared content type and the device path
   // of the file written.
