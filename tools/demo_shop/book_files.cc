@@ -9,8 +9,6 @@
 
 namespace vistrel_demo {
 
-namespace {
-
 std::string XmlEscape(const std::string& text) {
   std::string out;
   for (char c : text) {
@@ -36,6 +34,8 @@ std::string XmlEscape(const std::string& text) {
   }
   return out;
 }
+
+namespace {
 
 // The documents read best laid out as they come out.
 // clang-format off

@@ -11,6 +11,9 @@ namespace vistrel_demo {
 
 // An EPUB 3 container (with an NCX for older readers): "mimetype" stored first, then
 // META-INF/container.xml, the package document, the navigation documents and one chapter.
+// Text with the five XML special characters escaped, for element content and attributes.
+std::string XmlEscape(const std::string& text);
+
 std::string MakeEpub(const CatalogBook& book);
 // A PDF 1.4 document in Helvetica, one or more A5 pages, with a correct cross-reference table.
 std::string MakePdf(const CatalogBook& book);

@@ -19,29 +19,6 @@ constexpr char kUpdated[] = "2026-11-01T09:00:00Z";
 constexpr char kNavigationType[] = "application/atom+xml;profile=opds-catalog;kind=navigation";
 constexpr char kAcquisitionType[] = "application/atom+xml;profile=opds-catalog;kind=acquisition";
 
-std::string Xml(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
-
 std::string Lower(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
@@ -84,10 +61,10 @@ std::string FeedHead(const std::string& id, const std::string& title, const std:
   xml += "<feed xmlns=\"http://www.w3.org/2005/Atom\" xmlns:dc=\"http://purl.org/dc/terms/\"\n";
   xml += "      xmlns:opds=\"http://opds-spec.org/2010/catalog\">\n";
   xml += "  <id>urn:vistrel-demo:" + id + "</id>\n";
-  xml += "  <title>" + Xml(title) + "</title>\n";
+  xml += "  <title>" + XmlEscape(title) + "</title>\n";
   xml += std::string("  <updated>") + kUpdated + "</updated>\n";
   xml += "  <author><name>Vistrel Demo Shop</name></author>\n";
-  xml += "  <link rel=\"self\" href=\"" + Xml(self) + "\" type=\"" + kind + "\"/>\n";
+  xml += "  <link rel=\"self\" href=\"" + XmlEscape(self) + "\" type=\"" + kind + "\"/>\n";
   xml += std::string("  <link rel=\"start\" href=\"/opds/\" type=\"") + kNavigationType + "\"/>\n";
   xml += "  <link rel=\"search\" href=\"/opds/opensearch.xml\"";
   xml += " type=\"application/opensearchdescription+xml\"/>\n";
@@ -96,9 +73,9 @@ std::string FeedHead(const std::string& id, const std::string& title, const std:
 
 std::string NavigationEntry(const std::string& id, const std::string& title,
                             const std::string& href, const std::string& summary) {
-  return "  <entry>\n    <id>urn:vistrel-demo:" + id + "</id>\n    <title>" + Xml(title) +
+  return "  <entry>\n    <id>urn:vistrel-demo:" + id + "</id>\n    <title>" + XmlEscape(title) +
          "</title>\n    <updated>" + kUpdated + "</updated>\n    <content type=\"text\">" +
-         Xml(summary) + "</content>\n    <link rel=\"subsection\" href=\"" + Xml(href) +
+         XmlEscape(summary) + "</content>\n    <link rel=\"subsection\" href=\"" + XmlEscape(href) +
          "\" type=\"" + kAcquisitionType + "\"/>\n  </entry>\n";
 }
 
@@ -108,15 +85,16 @@ std::string BookEntry(const CatalogBook& book) {
   const std::string cover = "/opds/cover/" + book.ean + ".bmp";
   std::string xml = "  <entry>\n";
   xml += "    <id>urn:vistrel-demo:book:" + book.ean + "</id>\n";
-  xml += "    <title>" + Xml(book.title) + "</title>\n";
-  xml += "    <author><name>" + Xml(book.author) + "</name></author>\n";
+  xml += "    <title>" + XmlEscape(book.title) + "</title>\n";
+  xml += "    <author><name>" + XmlEscape(book.author) + "</name></author>\n";
   xml += std::string("    <updated>") + kUpdated + "</updated>\n";
   xml += "    <dc:identifier>" + BookUuid(book) + "</dc:identifier>\n";
   xml += "    <dc:identifier>urn:isbn:" + book.ean + "</dc:identifier>\n";
   xml += "    <dc:language>" + book.language + "</dc:language>\n";
   xml += "    <dc:issued>2026</dc:issued>\n";
   xml += "    <category term=\"fiction\" label=\"Fiction\"/>\n";
-  xml += "    <summary type=\"html\">" + Xml("<p>" + book.paragraphs[0] + "</p>") + "</summary>\n";
+  xml += "    <summary type=\"html\">" + XmlEscape("<p>" + book.paragraphs[0] + "</p>") +
+         "</summary>\n";
   xml +=
       "    <link rel=\"http://opds-spec.org/image\" href=\"" + cover + "\" type=\"image/bmp\"/>\n";
   xml += "    <link rel=\"http://opds-spec.org/image/thumbnail\" href=\"" + cover +
