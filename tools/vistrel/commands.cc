@@ -42,9 +42,11 @@ const std::vector<Command>& Commands() {
        "when the shop dropped\na book.\n",
        RunCheckout},
       {"pay", "order the shop's cart and pay it",
-       "usage: vistrel pay\n\nChecks the cart out (again: the shop's cart id lives only as long "
-       "as the\nprocess), prepares and commits the order, pays it in the (emulated) browser, "
-       "and\nwaits until the shop has delivered every book (at least 5 seconds).\n",
+       "usage: vistrel pay [--browser chromium|http] [--headless]\n\nChecks the cart out (again: "
+       "the shop's cart id lives only as long as the\nprocess), prepares and commits the order, "
+       "pays it in the browser, and\nwaits until the shop has delivered every book (at least 5 "
+       "seconds). The browser:\nchromium (a window, or --headless) or http (follows redirects "
+       "only); default\na Chromium window when there is Chromium and a display, else http.\n",
        RunPay},
       {"purchased", "list the purchased books", "usage: vistrel purchased\n", RunPurchased},
       {"download", "download purchased books",

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "browser_choice.h"
 #include "cli.h"
 #include "commands.h"
 
@@ -29,8 +30,12 @@ int RunCheckout(const std::vector<std::string>& words) {
   return dropped.empty() ? kExitOk : kExitFailed;
 }
 
-int RunPay(const std::vector<std::string>& words) {
-  if (!words.empty()) return Usage("pay takes no arguments");
+int RunPay(const std::vector<std::string>& arguments) {
+  std::vector<std::string> words = arguments;
+  BrowserChoice browser_choice;
+  std::string problem;
+  if (!TakeBrowserOptions(&words, &browser_choice, &problem)) return Usage(problem);
+  if (!words.empty()) return Usage("pay takes no arguments but --browser and --headless");
   int code = 0;
   StoreManager* store = StartLoggedIn(&code);
   if (store == nullptr) return code;
@@ -44,7 +49,10 @@ int RunPay(const std::vector<std::string>& words) {
     return Fail(kExitFailed, "the shop dropped " + Prop(book, Book::Ean) + " (" + Describe(book) +
                                  ") from the cart; nothing was paid");
   }
-  std::printf("paying %s in the browser...\n", store->cart().GetTotalPriceFormatted().c_str());
+  const std::string browser = UseBrowser(browser_choice, &problem);
+  if (browser.empty()) return Fail(kExitFailed, "cannot pay: " + problem);
+  std::printf("paying %s in %s...\n", store->cart().GetTotalPriceFormatted().c_str(),
+              browser.c_str());
   std::fflush(stdout);
   ServerApi::Result result = store->StartPayment();
   if (result.code_ != ServerApi::kOk) {
