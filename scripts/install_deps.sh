@@ -7,6 +7,7 @@ packages=(
   libjsoncpp-dev libboost-dev libexpat1-dev libcurl4-openssl-dev libssl-dev
   libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
   zip unzip
+  chromium iproute2
 )
 packages+=("$@")
 

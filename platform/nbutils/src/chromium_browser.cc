@@ -131,7 +131,7 @@ int ChromiumSession::Run(const std::string& url) {
   if (limit.count() <= 0) {
     limit = options_.headless ? std::chrono::minutes(3) : std::chrono::minutes(15);
   }
-  deadline_ = Clock::now() + limit;
+  deadline_ = Clock::time_point::max();  // start-up has limits of its own
   std::string error;
   if (!process_.Start(options_.executable, BrowserFlags(options_.headless), &error)) {
     CHROMIUM_LOG(2, "payment browser: cannot start chromium: %s", error.c_str());
@@ -141,6 +141,7 @@ int ChromiumSession::Run(const std::string& url) {
     CHROMIUM_LOG(2, "payment browser: %s", error.c_str());
     return closed_ ? BrowserGone() : kClosed;
   }
+  deadline_ = Clock::now() + limit;
   Json::Value params(Json::objectValue);
   params["url"] = url;
   navigate_id_ = Send("Page.navigate", params, session_id_);
@@ -211,6 +212,7 @@ bool ChromiumSession::Attach(std::string* error) {
 void ChromiumSession::EnableDomains(const std::string& session_id) {
   Send("Page.enable", Json::Value(Json::objectValue), session_id);
   Send("Network.enable", Json::Value(Json::objectValue), session_id);
+  Send("Inspector.enable", Json::Value(Json::objectValue), session_id);  // tells of crashes
 }
 
 bool ChromiumSession::Handle(const Json::Value& message, int* result) {
@@ -227,6 +229,12 @@ bool ChromiumSession::Handle(const Json::Value& message, int* result) {
   if ((method == "Target.targetDestroyed" && params["targetId"] == target_id_) ||
       (method == "Target.detachedFromTarget" && params["sessionId"] == session_id_)) {
     CHROMIUM_LOG(5, "payment browser: the buyer closed the page");
+    *result = kClosed;
+    return false;
+  }
+  if (method == "Target.targetCrashed" && params["targetId"] == target_id_) {
+    CHROMIUM_LOG(2, "payment browser: chromium's page crashed (%s)",
+                 params["status"].asString().c_str());
     *result = kClosed;
     return false;
   }
