@@ -30,7 +30,7 @@ netns=(unshare -n)
 "${netns[@]}" sh -c 'ip link set lo up && cd build && ctest --output-on-failure -L browser'
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  CTEST_ARGS="-E install_consumer" \
+  CTEST_ARGS="-E install_consumer -LE browser" \
   run_suite build-asan -DVISTREL_SANITIZE=address,undefined -DVISTREL_BUILD_TOOLS=OFF
 echo "== ThreadSanitizer: the downloads, which run on a thread of their own =="
 TSAN_OPTIONS=halt_on_error=1 CTEST_ARGS="-R Download" \

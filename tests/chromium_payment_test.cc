@@ -1,210 +1,42 @@
-// Payment in a real headless Chromium: the test plays the buyer through the DevTools protocol
-// (types into the form, clicks with the mouse) on the demo shop's checkout page and on pages
-// that navigate by forms, scripts and redirects.
-//
-// Chromium talks to the network on its own, so these tests start it only inside a network
-// namespace that holds nothing but loopback (scripts/test.sh runs them under `unshare -n`);
-// anywhere else every test skips.
+// Payment through the store manager in a real headless Chromium on the demo shop's checkout
+// page, the test acting as the buyer through the DevTools protocol (types into the form, clicks
+// with the mouse). Runs only in a network namespace that holds nothing but loopback
+// (scripts/test.sh runs it under `unshare -n`); anywhere else every test skips.
 #include <gtest/gtest.h>
-#include <json/reader.h>
-#include <json/writer.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "demo_catalog.h"
 #include "demo_shop.h"
-#include "nbutils/browser_authorization.h"
-#include "nbutils/chromium_browser.h"
-#include "support/device_fixture.h"
-#include "support/fake_server.h"
+#include "support/chromium_fixture.h"
 #include "vistrel_store/store_manager.h"
 
 namespace {
 
-using norbel::utilities::BrowserAuthorization;
-using norbel::utilities::ChromiumOptions;
-using norbel::utilities::ChromiumPage;
 using norbel::vistrel::Book;
 using norbel::vistrel::ServerApi;
 using norbel::vistrel::StoreManager;
-using vistrel_test::Answer;
-using vistrel_test::FakeServer;
-using vistrel_test::Redirect;
-using Urls = std::vector<std::string>;
+using vistrel_test::Buyer;
+using vistrel_test::Recorder;
+using vistrel_test::Urls;
 using Clock = std::chrono::steady_clock;
 
-// Whether this process sees no network interface but loopback.
-bool OnlyLoopback() {
-  std::ifstream dev("/proc/self/net/dev");
-  std::string line;
-  std::set<std::string> names;
-  for (int number = 0; std::getline(dev, line); ++number) {
-    const size_t colon = line.find(':');
-    if (number < 2 || colon == std::string::npos) continue;  // two header lines
-    const size_t begin = line.find_first_not_of(' ');
-    names.insert(line.substr(begin, colon - begin));
-  }
-  return names == std::set<std::string>{"lo"};
-}
-
-Json::Value ParseJson(const std::string& text) {
-  Json::Value value;
-  Json::Reader().parse(text, value);
-  return value;
-}
-
-std::string JsonText(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, value);
-}
-
-// The buyer, acting through the DevTools protocol on each page the browser has loaded.
-struct Buyer {
-  // On a page whose address holds `on`: types `email` into the e-mail field when not empty, then
-  // clicks the element `click` (a CSS selector) with the mouse; `close` instead closes the "tab"
-  // or the whole "browser".
-  std::string on = "/pay/checkout";
-  std::string email = "buyer@example.org";
-  std::string click = "#pay";
-  std::string close;
-  Urls loaded;  // every page loaded, in order
-
-  void OnLoad(ChromiumPage& page) {
-    loaded.push_back(page.url());
-    if (page.url().find(on) == std::string::npos) return;
-    if (close == "browser") {
-      page.Call("Browser.close", "{}", true);
-      return;
-    }
-    if (close == "tab") {
-      page.Call("Page.close", "{}");
-      return;
-    }
-    if (!email.empty()) {
-      Evaluate(page, "document.querySelector('#email').focus()");
-      Json::Value text;
-      text["text"] = email;
-      page.Call("Input.insertText", JsonText(text));
-    }
-    const Json::Value at = Evaluate(
-        page,
-        "(() => { const r = document.querySelector('" + click +
-            "').getBoundingClientRect(); return [r.x + r.width / 2, r.y + r.height / 2]; })()");
-    for (const char* type : {"mousePressed", "mouseReleased"}) {
-      Json::Value event;
-      event["type"] = type;
-      event["x"] = at[0];
-      event["y"] = at[1];
-      event["button"] = "left";
-      event["clickCount"] = 1;
-      page.Call("Input.dispatchMouseEvent", JsonText(event));
-    }
-  }
-
-  static Json::Value Evaluate(ChromiumPage& page, const std::string& expression) {
-    Json::Value params;
-    params["expression"] = expression;
-    params["returnByValue"] = true;
-    return ParseJson(page.Call("Runtime.evaluate", JsonText(params)))["result"]["value"];
-  }
-};
-
-// Records what a session reports and ends it on the shop's return addresses, as the payment
-// session does.
-struct Recorder : BrowserAuthorization::IEventHandler {
-  int Run(const std::string& url) {
-    BrowserAuthorization session("test", this);
-    current = &session;
-    return session.Start(url, {"--paypal"});
-  }
-  void UrlChanged(const std::string& url) override {
-    urls.push_back(url);
-    if (url.find("/pay/paypal") != std::string::npos ||
-        url.find("/pay/back") != std::string::npos) {
-      std::lock_guard<std::mutex> guard(current->lock());
-      current->set_running(false);
-    }
-  }
-  void BrowserClosed() override { ++closed; }
-
-  BrowserAuthorization* current = nullptr;
-  Urls urls;
-  int closed = 0;
-};
-
-class ChromiumPaymentTest : public vistrel_test::DeviceTest {
+class ChromiumPaymentTest : public vistrel_test::ChromiumTest {
  protected:
-  void SetUp() override {
-    DeviceTest::SetUp();
-    if (!OnlyLoopback()) {
-      GTEST_SKIP() << "starts Chromium only in a network namespace that holds nothing but "
-                      "loopback: run under `unshare -n` (scripts/test.sh does)";
-    }
-    if (!norbel::utilities::ChromiumInstalled()) GTEST_SKIP() << "Chromium is not installed";
-    setenv("TMPDIR", work_dir_.c_str(), 1);  // the browser profile goes here
-  }
-
-  void TearDown() override {
-    if (!IsSkipped()) {
-      // No profile and no process of the browser is left.
-      for (const auto& entry : std::filesystem::directory_iterator(work_dir_)) {
-        EXPECT_EQ(entry.path().filename().string().find("vistrel-chromium-"), std::string::npos)
-            << entry.path();
-      }
-      EXPECT_EQ(ProcessesUsing(work_dir_), 0);
-    }
-    BrowserAuthorization::SetBackend(nullptr);
-    unsetenv("TMPDIR");
-    DeviceTest::TearDown();
-  }
-
-  static int ProcessesUsing(const std::string& path) {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-      std::ifstream in(entry.path() / "cmdline", std::ios::binary);
-      const std::string command_line((std::istreambuf_iterator<char>(in)), {});
-      if (command_line.find("--user-data-dir=" + path) != std::string::npos) ++count;
-    }
-    return count;
-  }
-
-  // Installs a headless Chromium whose pages `buyer` acts on.
-  void UseChromium(Buyer* buyer,
-                   std::chrono::milliseconds session_limit = std::chrono::seconds(60)) {
-    ChromiumOptions options;
-    options.headless = true;
-    options.session_limit = session_limit;
-    if (buyer != nullptr) options.on_load = [buyer](ChromiumPage& page) { buyer->OnLoad(page); };
-    BrowserAuthorization::SetBackend(norbel::utilities::CreateChromiumBrowserBackend(options));
-  }
-
   // The addresses that the payment session logged, in order.
   Urls LoggedAddresses() const {
     Urls urls;
     const std::string mark = "Auth::UrlChanged. url_string = [";
     for (const std::string& line : LogLines()) {
       const size_t at = line.find(mark);
-      if (at != std::string::npos)
+      if (at != std::string::npos) {
         urls.push_back(line.substr(at + mark.size(), line.size() - at - mark.size() - 1));
+      }
     }
     return urls;
-  }
-
-  bool Logged(const std::string& text) const {
-    for (const std::string& line : LogLines()) {
-      if (line.find(text) != std::string::npos) return true;
-    }
-    return false;
   }
 
   // Through the store manager up to the payment: an account, one book in the cart, checked out.
@@ -231,7 +63,7 @@ TEST_F(ChromiumPaymentTest, TheBuyerPaysOnTheCheckoutPageAndThePaymentIsConfirme
   Buyer buyer;
   UseChromium(&buyer);
 
-  ASSERT_EQ(store->StartPayment().code_, ServerApi::kOk);
+  ASSERT_EQ(store->StartPayment().code_, ServerApi::kOk) << testing::PrintToString(LogLines());
   const StoreManager::PaymentData& paid = store->payment_data();
   EXPECT_EQ(paid.token_.compare(0, 3, "EC-"), 0) << paid.token_;
   EXPECT_EQ(paid.payer_id_.compare(0, 9, "DEMOPAYER"), 0) << paid.payer_id_;
@@ -262,7 +94,7 @@ TEST_F(ChromiumPaymentTest, TheBuyerCancelsOrClosesTheBrowser) {
   cancels.email.clear();
   cancels.click = "#cancel";
   UseChromium(&cancels);
-  ASSERT_EQ(store->StartPayment().code_, ServerApi::kOk);
+  ASSERT_EQ(store->StartPayment().code_, ServerApi::kOk) << testing::PrintToString(LogLines());
   const Urls cancelled = LoggedAddresses();
   ASSERT_EQ(cancelled.size(), 3u);
   EXPECT_EQ(cancelled[2].compare(0, s.size() + 9, s + "/pay/back"), 0) << cancelled[2];
@@ -284,68 +116,6 @@ TEST_F(ChromiumPaymentTest, TheBuyerCancelsOrClosesTheBrowser) {
     EXPECT_EQ(recorder.urls.size(), 2u);  // the link and the checkout page
     EXPECT_EQ(closes.loaded.size(), 1u);
   }
-}
-
-TEST_F(ChromiumPaymentTest, FormsScriptsAndRedirectsOfOtherPagesAreReportedInOrder) {
-  FakeServer shop, provider;
-  const std::string s = shop.base_url(), p = provider.base_url();
-  auto html = [](const std::string& body) { return Answer(body, 200, "text/html"); };
-  shop.Set("/pay/start", Redirect(302, p + "/gateway"));
-  // A form that posts itself (as 3-D Secure steps do), a refresh, a hash change by script, an
-  // assignment to location, then a redirect back to the shop.
-  provider.Set("/gateway", html("<form method=post action=/auth><input name=a value=1></form>"
-                                "<script>document.forms[0].submit()</script>"));
-  provider.Set("/auth", Redirect(303, "/wait"));
-  provider.Set("/wait", html("<meta http-equiv=refresh content=\"0; url=/done?x=1\">"));
-  provider.Set("/done", html("<script>location.hash = 'ok';"
-                             "setTimeout(() => location.assign('/return'), 50)</script>"));
-  provider.Set("/return", Redirect(302, s + "/pay/paypal?token=EC-7&PayerID=Q"));
-
-  UseChromium(nullptr);
-  Recorder recorder;
-  EXPECT_EQ(recorder.Run(s + "/pay/start"), 0);
-  EXPECT_EQ(recorder.urls,
-            (Urls{s + "/pay/start", p + "/gateway", p + "/auth", p + "/wait", p + "/done?x=1",
-                  p + "/done?x=1#ok", p + "/return", s + "/pay/paypal?token=EC-7&PayerID=Q"}));
-  ASSERT_EQ(provider.requests("/auth").size(), 1u);
-  EXPECT_EQ(provider.requests("/auth")[0].Field("a"), "1");
-}
-
-TEST_F(ChromiumPaymentTest, APageThatNeverReturnsABrowserThatCrashesOrCannotStartIsBounded) {
-  FakeServer shop;
-  shop.Set("/pay/form", Answer("<p>Pay here (nobody will)</p>", 200, "text/html"));
-  shop.Set("/pay/slow", Answer("late", 200, "text/html"));
-  struct Case {
-    std::string url;
-    ChromiumOptions options;
-    std::string logged;
-  };
-  std::vector<Case> cases(4);
-  cases[0] = {shop.base_url() + "/pay/form", {}, "no return address within 2 s"};
-  cases[1] = {"chrome://crash", {}, "chromium's page crashed"};
-  cases[2] = {
-      shop.base_url() + "/pay/form", {}, "chromium ended unexpectedly (exited with status 127)"};
-  cases[2].options.executable = work_dir_ + "/no-such-browser";
-  // A "browser" that starts and never answers.
-  const std::string silent = work_dir_ + "/silent-browser";
-  std::ofstream(silent) << "#!/bin/sh\nexec sleep 60\n";
-  chmod(silent.c_str(), 0755);
-  cases[3] = {shop.base_url() + "/pay/form", {}, "chromium did not answer within 1 s"};
-  cases[3].options.executable = silent;
-  cases[3].options.startup_limit = std::chrono::seconds(1);
-  for (Case& c : cases) {
-    SCOPED_TRACE(c.logged);
-    c.options.headless = true;
-    c.options.session_limit = std::chrono::seconds(2);
-    BrowserAuthorization::SetBackend(norbel::utilities::CreateChromiumBrowserBackend(c.options));
-    Recorder recorder;
-    const Clock::time_point start = Clock::now();
-    EXPECT_EQ(recorder.Run(c.url), -1);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
-    EXPECT_EQ(recorder.closed, 1);
-    EXPECT_TRUE(Logged(c.logged)) << ::testing::PrintToString(LogLines());
-  }
-  EXPECT_EQ(ProcessesUsing(work_dir_), 0);
 }
 
 }  // namespace

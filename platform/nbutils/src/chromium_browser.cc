@@ -104,7 +104,7 @@ class ChromiumSession : public ChromiumPage {
   bool Await(int64_t id, int64_t limit_ms, Json::Value* result);
   Next NextMessage(int timeout_ms, Json::Value* message);
   bool Attach(std::string* error);
-  void EnableDomains(const std::string& session_id);
+  bool EnableDomains(const std::string& session_id, bool wait);
   // False when the message ends the session, with the session's result in *result.
   bool Handle(const Json::Value& message, int* result);
   void Report(const std::string& url);
@@ -205,14 +205,21 @@ bool ChromiumSession::Attach(std::string* error) {
   }
   session_id_ = result["sessionId"].asString();
   watched_[session_id_] = target_id_;
-  EnableDomains(session_id_);
+  if (!EnableDomains(session_id_, true)) {
+    *error = "chromium's page did not answer";
+    return false;
+  }
   return true;
 }
 
-void ChromiumSession::EnableDomains(const std::string& session_id) {
-  Send("Page.enable", Json::Value(Json::objectValue), session_id);
-  Send("Network.enable", Json::Value(Json::objectValue), session_id);
-  Send("Inspector.enable", Json::Value(Json::objectValue), session_id);  // tells of crashes
+bool ChromiumSession::EnableDomains(const std::string& session_id, bool wait) {
+  // Inspector tells of crashes. Events of a domain whose enabling has not been answered yet can
+  // be lost when the page moves to another renderer process, hence the wait before navigating.
+  for (const char* domain : {"Page.enable", "Network.enable", "Inspector.enable"}) {
+    const int64_t id = Send(domain, Json::Value(Json::objectValue), session_id);
+    if (wait && !Await(id, options_.reply_limit.count(), nullptr)) return false;
+  }
+  return true;
 }
 
 bool ChromiumSession::Handle(const Json::Value& message, int* result) {
@@ -250,7 +257,7 @@ bool ChromiumSession::Handle(const Json::Value& message, int* result) {
   if (method == "Target.attachedToTarget" && info["openerId"] == target_id_ &&
       params["sessionId"].isString() && params["sessionId"] != session_id_) {
     watched_[params["sessionId"].asString()] = info["targetId"].asString();
-    EnableDomains(params["sessionId"].asString());
+    EnableDomains(params["sessionId"].asString(), false);
     return true;
   }
 
@@ -263,6 +270,12 @@ bool ChromiumSession::Handle(const Json::Value& message, int* result) {
     // Document requests of the main frame: the first address, every redirect hop, form posts.
     if (params["type"] == "Document" && params["frameId"] == frame_id) {
       Report(params["request"]["url"].asString() + params["request"]["urlFragment"].asString());
+    }
+  } else if (method == "Network.responseReceived") {
+    // The page being shown; Page.frameNavigated can be missed when the page moves to another
+    // renderer process.
+    if (main && params["type"] == "Document" && params["frameId"] == frame_id) {
+      url_ = params["response"]["url"].asString();
     }
   } else if (method == "Page.frameRequestedNavigation") {
     if (params["frameId"] == frame_id && params["disposition"] == "currentTab") {
