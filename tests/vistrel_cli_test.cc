@@ -79,7 +79,9 @@ TEST_F(VistrelCliTest, ASessionCarriesAcrossCommands) {
   ASSERT_EQ("0 ", Vistrel(shop, {"register", "me@example.org", "pw"}).Said());
   ASSERT_EQ("0 ", Vistrel(shop, {"cart", "add", ean}).Said());
   ASSERT_EQ("0 ", Vistrel(shop, {"checkout"}).Said());
-  ASSERT_EQ("0 ", Vistrel(shop, {"pay"}).Said());
+  EXPECT_EQ("2 vistrel: unknown browser 'lynx' (chromium or http) (see --help)\n",
+            Vistrel(shop, {"pay", "--browser", "lynx"}).Said());
+  ASSERT_EQ("0 ", Vistrel(shop, {"pay", "--browser", "http"}).Said());
   ASSERT_EQ("0 ", Vistrel(shop, {"download", "--all"}).Said());
   EXPECT_EQ(
       ean + ": downloaded /mnt/ext1/Downloads/Ida Vance - A Field Guide to Quiet Machines.pdf\n",
