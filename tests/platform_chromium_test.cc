@@ -51,6 +51,21 @@ TEST_F(ChromiumBrowserTest, FormsScriptsAndRedirectsOfOtherPagesAreReportedInOrd
                   p + "/done?x=1#ok", p + "/return", s + "/pay/paypal?token=EC-7&PayerID=Q"}));
   ASSERT_EQ(provider.requests("/auth").size(), 1u);
   EXPECT_EQ(provider.requests("/auth")[0].Field("a"), "1");
+
+  // A provider that pays in a pop-up window, opened by the buyer's click, which goes back to
+  // the shop on its own while the first page stays.
+  provider.Set("/choose", html("<a id=popup href=/window target=_blank>Pay in a window</a>"));
+  provider.Set("/window",
+               html("<script>setTimeout(() => location.assign('/return'), 50)</script>"));
+  vistrel_test::Buyer buyer;
+  buyer.on = "/choose";
+  buyer.email.clear();
+  buyer.click = "#popup";
+  UseChromium(&buyer);
+  Recorder with_popup;
+  EXPECT_EQ(with_popup.Run(p + "/choose"), 0);
+  EXPECT_EQ(with_popup.urls, (Urls{p + "/choose", p + "/window", p + "/return",
+                                   s + "/pay/paypal?token=EC-7&PayerID=Q"}));
 }
 
 TEST_F(ChromiumBrowserTest, APageThatNeverReturnsABrowserThatCrashesOrCannotStartIsBounded) {

@@ -258,6 +258,13 @@ bool ChromiumSession::Handle(const Json::Value& message, int* result) {
       params["sessionId"].isString() && params["sessionId"] != session_id_) {
     watched_[params["sessionId"].asString()] = info["targetId"].asString();
     EnableDomains(params["sessionId"].asString(), false);
+    Report(info["url"].asString());
+    return true;
+  }
+  if (method == "Target.targetInfoChanged" && info["type"] == "page" &&
+      info["openerId"] == target_id_) {
+    // A pop-up's page, also the first one, which may come before its events are watched.
+    Report(info["url"].asString());
     return true;
   }
 
@@ -348,7 +355,9 @@ bool ChromiumSession::Await(int64_t id, int64_t limit_ms, Json::Value* result) {
     if (read != ChromiumProcess::Read::kMessage || !Parse(text, &message) || !message.isObject()) {
       continue;
     }
-    if (message["id"].isIntegral() && message["id"].asInt64() == id) {
+    // Read through a const view: the non-const operator[] would add an "id" to every event.
+    const Json::Value& answer_id = static_cast<const Json::Value&>(message)["id"];
+    if (answer_id.isIntegral() && answer_id.asInt64() == id) {
       if (result != nullptr) *result = message["result"];
       return !message.isMember("error");
     }
