@@ -90,6 +90,19 @@ TEST_F(ChromiumBrowserTest, APageThatNeverReturnsABrowserThatCrashesOrCannotStar
   cases[3] = {shop.base_url() + "/pay/form", {}, "chromium did not answer within 1 s"};
   cases[3].options.executable = silent;
   cases[3].options.startup_limit = std::chrono::seconds(1);
+  // A "browser" whose first message, a page target 9 MB long, is longer than any the backend
+  // takes (8 MiB): it is skipped whole (else the backend would try to attach to that page), and
+  // the answer after it is read.
+  const std::string chatty = work_dir_ + "/chatty-browser";
+  std::ofstream(chatty)
+      << "#!/bin/sh\nprintf '{\"method\":\"Target.targetCreated\",\"params\":{\"targetInfo\":"
+         "{\"type\":\"page\",\"targetId\":\"T\",\"title\":\"' >&4\n"
+         "head -c 9000000 /dev/zero | tr '\\000' a >&4\n"
+         "printf '\"}}}\\000{\"id\":1,\"result\":{}}\\000' >&4\nexec sleep 60\n";
+  chmod(chatty.c_str(), 0755);
+  cases.push_back({shop.base_url() + "/pay/form", {}, "chromium opened no page"});
+  cases.back().options.executable = chatty;
+  cases.back().options.reply_limit = std::chrono::seconds(1);
   for (Case& c : cases) {
     SCOPED_TRACE(c.logged);
     c.options.headless = true;
