@@ -102,7 +102,7 @@ TEST_F(ChromiumPaymentTest, TheBuyerCancelsOrClosesTheBrowser) {
 
   // The order stays committed, and its link opens the checkout page again: closing the browser
   // there, or only its page, fails the payment.
-  const std::string link = cancelled[0];
+  const std::string& link = cancelled[0];
   for (const char* what : {"browser", "tab"}) {
     SCOPED_TRACE(what);
     Buyer closes;

@@ -33,6 +33,10 @@ using Clock = std::chrono::steady_clock;
 // The flags that keep Chromium from talking to the network on its own (first-run pages, sync,
 // component and safe-browsing updates, probes, metrics) and from asking anything at start-up.
 std::vector<std::string> BrowserFlags(bool headless) {
+  static const char kDisabledFeatures[] =
+      "--disable-features=Translate,OptimizationHints,MediaRouter,DialMediaRouteProvider,"
+      "AutofillServerCommunication,CertificateTransparencyComponentUpdater,"
+      "InterestFeedContentSuggestions";
   std::vector<std::string> flags = {
       "--no-first-run",
       "--no-default-browser-check",
@@ -48,9 +52,7 @@ std::vector<std::string> BrowserFlags(bool headless) {
       "--metrics-recording-only",
       "--no-pings",
       "--disable-quic",
-      "--disable-features=Translate,OptimizationHints,MediaRouter,DialMediaRouteProvider,"
-      "AutofillServerCommunication,CertificateTransparencyComponentUpdater,"
-      "InterestFeedContentSuggestions",
+      kDisabledFeatures,
       "--password-store=basic",
       "--disable-dev-shm-usage",
       "--noerrdialogs",

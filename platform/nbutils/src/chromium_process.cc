@@ -131,6 +131,7 @@ bool ChromiumProcess::Start(const std::string& executable, const std::vector<std
                                     "--disk-cache-dir=" + profile_ + "/cache"};
   words.insert(words.end(), flags.begin(), flags.end());
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(&word[0]);
   argv.push_back(nullptr);
   const int dev_null = open("/dev/null", O_RDWR | O_CLOEXEC);
