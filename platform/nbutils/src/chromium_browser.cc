@@ -231,6 +231,12 @@ bool ChromiumSession::Handle(const Json::Value& message, int* result) {
     if (message["id"].asInt64() == navigate_id_ && failure.isString()) {
       CHROMIUM_LOG(2, "payment browser: cannot load the payment page: %s",
                    failure.asString().c_str());
+      // A window shows the error and leaves the buyer to reload or close it; headless, nobody
+      // would. (An aborted load was replaced by another, or is a crash on its way.)
+      if (options_.headless && failure != "net::ERR_ABORTED") {
+        *result = kClosed;
+        return false;
+      }
     }
     return true;
   }

@@ -6,9 +6,10 @@
 // address that the page's main frame goes to (redirect hops, form posts, script navigations,
 // in-page history changes) is reported once, in order, to session.Visit(). The browser is closed
 // as soon as the session stops running (Run returns 0); a buyer who closes the window or the tab
-// ends it with -1, and so does a browser that cannot be started, crashes, stops answering, or
-// shows pages for longer than the session limit, each with a log line (level 2) that says so.
-// No browser process outlives Run.
+// ends it with -1, and so does a browser that cannot be started, crashes, stops answering, cannot
+// load the payment page (headless only: a window leaves the buyer to reload), or shows pages for
+// longer than the session limit, each with a log line (level 2) that says so. Pop-ups that the
+// page opens are followed as well. No browser process outlives Run.
 //
 // Install it with BrowserAuthorization::SetBackend(CreateChromiumBrowserBackend(options)); on a
 // host, VISTREL_BROWSER=chromium does the same for every session.
