@@ -30,7 +30,9 @@ using ChromiumBrowserTest = vistrel_test::ChromiumTest;
 
 TEST_F(ChromiumBrowserTest, FormsScriptsAndRedirectsOfOtherPagesAreReportedInOrder) {
   FakeServer shop, provider;
-  const std::string s = shop.base_url(), p = provider.base_url();
+  // The provider is another site (localhost, not 127.0.0.1), as real ones are: its pages run in
+  // another renderer process.
+  const std::string s = shop.base_url(), p = "http://localhost:" + std::to_string(provider.port());
   auto html = [](const std::string& body) { return Answer(body, 200, "text/html"); };
   shop.Set("/pay/start", Redirect(302, p + "/gateway"));
   // A form that posts itself (as 3-D Secure steps do), a refresh, a hash change by script, an
