@@ -8,6 +8,7 @@ packages=(
   libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
   zip unzip man-db
   doxygen dpkg-dev fakeroot file lintian
+  chromium iproute2
 )
 packages+=("$@")
 

@@ -10,6 +10,7 @@
 #include <regex>
 
 #include "demo_catalog.h"
+#include "payment_pages.h"
 #include "support/ebook_check.h"
 
 namespace {
@@ -126,6 +127,69 @@ TEST_F(DemoShopTest, MisbehaviourSwitches) {
   shop_.SetFailure("/files/", Failure::kDrop);
   auto result = Get(url);
   EXPECT_TRUE(!result || result->body.size() < shop_.BookFile(DemoCatalog()[0].ean).size());
+}
+
+TEST_F(DemoShopTest, PaymentPagesLeadFromTheCheckoutFormToTheReturnAddresses) {
+  shop_.SetPaymentStyle(vistrel_demo::PaymentStyle::kPage);
+  const std::string session =
+      Call("registerUser", {{"email", "a@b.org"}, {"password", "pw"}})["sessionID"].asString();
+  Call("addToCart", {{"sessionID", session}, {"ean", DemoCatalog()[0].ean}, {"quantity", "1"}});
+  Call("addToCart", {{"sessionID", session}, {"ean", DemoCatalog()[2].ean}, {"quantity", "1"}});
+  const std::string cart = Call("getCart", {{"sessionID", session}})["cart"]["cartID"].asString();
+  const std::string order_id =
+      Call("prepareEbookOrder", {{"sessionID", session}, {"cartID", cart}})["order"]["orderID"]
+          .asString();
+  const Json::Value order = Call("commitOrder", {{"sessionID", session}, {"orderID", order_id}});
+
+  // The link leads to a checkout page: the order with its total, a form, a cancel link.
+  const std::string checkout = Location(order["order"]["orderPaymentLink"].asString());
+  std::smatch match;
+  ASSERT_TRUE(std::regex_match(checkout, match, std::regex(".*/pay/checkout\\?token=(EC-\\w+)")))
+      << checkout;
+  const std::string token = match[1];
+  auto page = Get(checkout);
+  ASSERT_TRUE(page && page->status == 200);
+  // Titles are escaped: "Keeper's" appears as "Keeper&#39;s".
+  const std::vector<std::string> parts = {vistrel_demo::EscapeHtml(DemoCatalog()[0].title),
+                                          DemoCatalog()[2].title,
+                                          "Pay 8.48 EUR",
+                                          "<form method=\"post\" action=\"/pay/authorize\">",
+                                          "name=\"token\" value=\"" + token + "\"",
+                                          "name=\"email\"",
+                                          "href=\"/pay/back?order=" + order_id + "\""};
+  for (const std::string& part : parts) {
+    EXPECT_NE(page->body.find(part), std::string::npos) << part;
+  }
+
+  // The form refuses a missing address and shows the page again; a good one moves on.
+  auto refused = client_->Post("/pay/authorize", httplib::Params{{"token", token}, {"email", ""}});
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(400, refused->status);
+  EXPECT_NE(refused->body.find("Please enter your e-mail address."), std::string::npos);
+  auto posted =
+      client_->Post("/pay/authorize", httplib::Params{{"token", token}, {"email", "a@b.org"}});
+  ASSERT_TRUE(posted);
+  EXPECT_EQ(303, posted->status);
+  const std::string processing = posted->get_header_value("Location");
+  EXPECT_EQ(shop_.base_url() + "/pay/processing?token=" + token, processing);
+  // Its script goes on to the step that sends the buyer back to the shop.
+  EXPECT_NE(Get(processing)->body.find("location.replace('/pay/complete?token=" + token + "')"),
+            std::string::npos);
+  const std::string paypal = Location(shop_.base_url() + "/pay/complete?token=" + token);
+  EXPECT_TRUE(std::regex_match(
+      paypal, std::regex(".*/pay/paypal\\?token=" + token + "&PayerID=DEMOPAYER\\d+")))
+      << paypal;
+  shop_.SetCancelPayment(true);
+  EXPECT_EQ(shop_.base_url() + "/pay/back?order=" + order_id,
+            Location(shop_.base_url() + "/pay/complete?token=" + token));
+
+  // Unknown tokens find nothing on any of the pages.
+  EXPECT_EQ(404, Get(shop_.base_url() + "/pay/checkout?token=EC-NOPE")->status);
+  EXPECT_EQ(
+      404,
+      client_->Post("/pay/authorize", httplib::Params{{"token", "EC-NOPE"}, {"email", "a@b.org"}})
+          ->status);
+  EXPECT_EQ(404, Get(shop_.base_url() + "/pay/complete?token=")->status);
 }
 
 }  // namespace

@@ -85,7 +85,9 @@ TEST_F(VistrelCliTest, ASessionCarriesAcrossCommands) {
   ASSERT_EQ("0 ", Vistrel(shop, {"register", "me@example.org", "--password-stdin"}, "pw").Said());
   ASSERT_EQ("0 ", Vistrel(shop, {"cart", "add", ean}).Said());
   ASSERT_EQ("0 ", Vistrel(shop, {"checkout"}).Said());
-  ASSERT_EQ("0 ", Vistrel(shop, {"pay", "--yes"}).Said());
+  EXPECT_EQ("2 vistrel: unknown browser 'lynx' (chromium or http) (see --help)\n",
+            Vistrel(shop, {"pay", "--yes", "--browser", "lynx"}).Said());
+  ASSERT_EQ("0 ", Vistrel(shop, {"pay", "--yes", "--browser", "http"}).Said());
   ASSERT_EQ("0 ", Vistrel(shop, {"download", "--all"}).Said());
   const std::string book = "/mnt/ext1/Downloads/Ida Vance - A Field Guide to Quiet Machines.pdf";
   EXPECT_EQ(ean + ": downloaded " + book + " (on this host: " + HostPath(book) + ")\n",

@@ -9,6 +9,7 @@
 #include "book_files.h"
 #include "demo_catalog.h"
 #include "demo_opds.h"
+#include "payment_pages.h"
 #include "shop_service.h"
 
 namespace vistrel_demo {
@@ -110,6 +111,11 @@ void DemoShop::SetLinkDelay(std::chrono::milliseconds delay) {
 void DemoShop::SetFileChunkDelay(std::chrono::milliseconds delay) {
   std::lock_guard<std::mutex> hold(lock_);
   file_chunk_delay_ = delay;
+}
+
+void DemoShop::SetPaymentStyle(PaymentStyle style) {
+  std::lock_guard<std::mutex> hold(lock_);
+  payment_style_ = style;
 }
 
 void DemoShop::SetCancelPayment(bool cancel) {
@@ -224,8 +230,13 @@ void DemoShop::InstallRoutes() {
     std::string next;
     {
       std::lock_guard<std::mutex> hold(lock_);
-      next = service_->PaymentStart(ToId(request.matches[1]),
-                                    cancel_payment_ || request.has_param("cancel"));
+      const int64_t order_id = ToId(request.matches[1]);
+      if (payment_style_ == PaymentStyle::kPage) {
+        const std::string token = service_->PaymentToken(order_id);
+        if (!token.empty()) next = base_url() + "/pay/checkout?token=" + token;
+      } else {
+        next = service_->PaymentStart(order_id, cancel_payment_ || request.has_param("cancel"));
+      }
     }
     if (next.empty()) {
       response.status = 404;
@@ -235,6 +246,8 @@ void DemoShop::InstallRoutes() {
     }
     response.set_redirect(next, 302);
   });
+
+  InstallPaymentPages();
 
   server_->Get("/pay/gateway", [this](const Request& request, Response& response) {
     std::string next;
@@ -271,6 +284,52 @@ void DemoShop::InstallRoutes() {
 
   server_->Get("/static/standby.bmp", [this](const Request& request, Response& response) {
     Reply(request, response, standby_bmp_, "image/bmp");
+  });
+}
+
+// The real payment pages: checkout (GET), the form's post, processing, and the step that sends
+// the buyer back to the shop.
+void DemoShop::InstallPaymentPages() {
+  using httplib::Request;
+  using httplib::Response;
+  auto unknown = [](Response& response) {
+    response.status = 404;
+    response.set_content(HtmlPage("No such payment", "This payment is unknown or finished."),
+                         "text/html");
+  };
+  server_->Get("/pay/checkout", [this, unknown](const Request& request, Response& response) {
+    ShopService::PaymentView payment;
+    std::lock_guard<std::mutex> hold(lock_);
+    if (!service_->FindPayment(request.get_param_value("token"), &payment))
+      return unknown(response);
+    response.set_content(CheckoutPage(payment, kShopName, ""), "text/html; charset=utf-8");
+  });
+  server_->Post("/pay/authorize", [this, unknown](const Request& request, Response& response) {
+    ShopService::PaymentView payment;
+    std::lock_guard<std::mutex> hold(lock_);
+    if (!service_->FindPayment(request.get_param_value("token"), &payment))
+      return unknown(response);
+    if (!PlausibleEmail(request.get_param_value("email"))) {
+      response.status = 400;
+      response.set_content(CheckoutPage(payment, kShopName, "Please enter your e-mail address."),
+                           "text/html; charset=utf-8");
+      return;
+    }
+    response.set_redirect(base_url() + "/pay/processing?token=" + payment.token, 303);
+  });
+  server_->Get("/pay/processing", [this, unknown](const Request& request, Response& response) {
+    ShopService::PaymentView payment;
+    std::lock_guard<std::mutex> hold(lock_);
+    if (!service_->FindPayment(request.get_param_value("token"), &payment))
+      return unknown(response);
+    response.set_content(ProcessingPage(payment.token, 300), "text/html; charset=utf-8");
+  });
+  server_->Get("/pay/complete", [this, unknown](const Request& request, Response& response) {
+    std::lock_guard<std::mutex> hold(lock_);
+    const std::string next =
+        service_->PaymentReturn(request.get_param_value("token"), cancel_payment_);
+    if (next.empty()) return unknown(response);
+    response.set_redirect(next, 302);
   });
 }
 

@@ -7,8 +7,13 @@
 //   GET  /opds/...                  the catalogue as OPDS 1.2 (the configuration's
 //                                   clientOPDSCatalogUrl), see demo_opds.h
 //   GET  /opds2/...                 the same books as OPDS 2.0
-//   GET  /pay/start/<order id>      payment page: redirects through a gateway to
-//                                   /pay/paypal?token=..&PayerID=.. (or to /pay/back)
+//   GET  /pay/start/<order id>      the payment link. Redirect style: redirects through a
+//                                   gateway to /pay/paypal?token=..&PayerID=.. (or /pay/back).
+//                                   Page style: redirects to the checkout page
+//   GET  /pay/checkout?token=..     checkout page: the order, an e-mail field, a Pay button
+//                                   (POST /pay/authorize) and a cancel link (/pay/back)
+//   POST /pay/authorize             the form: 303 to /pay/processing, whose script goes on to
+//   GET  /pay/complete?token=..     which redirects to /pay/paypal?.. (or /pay/back)
 //   GET  /files/<ean>.<ext>         the bought books
 //   GET  /static/standby.bmp        the shop's standby picture
 //
@@ -36,6 +41,10 @@ struct Response;
 namespace vistrel_demo {
 
 class ShopService;
+
+// How the payment link behaves: a chain of redirects that a redirect follower can walk, or real
+// pages that a buyer fills in a browser.
+enum class PaymentStyle { kRedirect, kPage };
 
 // How a path fails when told to.
 enum class Failure {
@@ -81,6 +90,8 @@ class DemoShop {
   void SetLinkDelay(std::chrono::milliseconds delay);
   // Book files are sent in 1 KiB pieces with this pause between them (default none).
   void SetFileChunkDelay(std::chrono::milliseconds delay);
+  // The payment link's style (default kRedirect).
+  void SetPaymentStyle(PaymentStyle style);
   // Payment pages end at "/pay/back" (the buyer gave up) instead of the PayPal return.
   void SetCancelPayment(bool cancel);
 
@@ -93,6 +104,7 @@ class DemoShop {
 
  private:
   void InstallRoutes();
+  void InstallPaymentPages();
   bool ApplyMisbehaviour(const httplib::Request& request, httplib::Response& response);
   Failure FailureFor(const std::string& path) const;
   // Sets the answer, sending it in pieces or dropping it half-way when told to.
@@ -116,6 +128,7 @@ class DemoShop {
   std::chrono::milliseconds file_chunk_delay_{0};
   std::map<std::string, Failure> failures_;
   bool cancel_payment_ = false;
+  PaymentStyle payment_style_ = PaymentStyle::kRedirect;
   std::string last_serial_;
 };
 

@@ -30,6 +30,8 @@ const char kUsage[] =
     "                         status 500), error (the shop refuses) or drop (connection closed\n"
     "                         half-way through the answer); may be repeated\n"
     "  --cancel-payment       the payment pages end at /pay/back (the buyer gives up)\n"
+    "  --payment-style STYLE  page (default): a checkout page to fill in a browser;\n"
+    "                         redirect: a redirect chain that needs no browser\n"
     "  -h, --help             this text\n";
 
 bool ParseMs(const char* text, std::chrono::milliseconds* out) {
@@ -76,6 +78,7 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
   vistrel_demo::DemoShop shop;
+  shop.SetPaymentStyle(vistrel_demo::PaymentStyle::kPage);
   int port = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -93,6 +96,11 @@ int main(int argc, char** argv) {
     } else if (arg == "--file-chunk-delay" && has_value && ParseMs(argv[i + 1], &ms)) {
       shop.SetFileChunkDelay(ms);
       ++i;
+    } else if (arg == "--payment-style" && has_value &&
+               (argv[i + 1] == std::string("page") || argv[i + 1] == std::string("redirect"))) {
+      shop.SetPaymentStyle(argv[++i] == std::string("page")
+                               ? vistrel_demo::PaymentStyle::kPage
+                               : vistrel_demo::PaymentStyle::kRedirect);
     } else if (arg == "--cancel-payment") {
       shop.SetCancelPayment(true);
     } else if (arg == "--fail" && has_value) {

@@ -377,7 +377,7 @@ Json::Value ShopService::GetUserEbook(const Fields& fields, std::string* error) 
   return books;
 }
 
-std::string ShopService::PaymentStart(int64_t order_id, bool cancel) {
+std::string ShopService::PaymentToken(int64_t order_id) {
   auto it = orders_.find(order_id);
   if (it == orders_.end() || it->second.state != OrderState::kCommitted) return "";
   Order& order = it->second;
@@ -389,15 +389,49 @@ std::string ShopService::PaymentStart(int64_t order_id, bool cancel) {
     }
     order.payer_id = "DEMOPAYER" + std::to_string(accounts_[order.email].user_id);
   }
-  return base_url_ + "/pay/gateway?order=" + std::to_string(order_id) + "&token=" + order.token +
+  return order.token;
+}
+
+std::string ShopService::PaymentStart(int64_t order_id, bool cancel) {
+  const std::string token = PaymentToken(order_id);
+  if (token.empty()) return "";
+  return base_url_ + "/pay/gateway?order=" + std::to_string(order_id) + "&token=" + token +
          (cancel ? "&cancel=1" : "");
 }
 
 std::string ShopService::PaymentGateway(int64_t order_id, bool cancel) {
   auto it = orders_.find(order_id);
   if (it == orders_.end() || it->second.token.empty()) return "";
-  if (cancel) return base_url_ + "/pay/back?order=" + std::to_string(order_id);
-  return base_url_ + "/pay/paypal?token=" + it->second.token + "&PayerID=" + it->second.payer_id;
+  return PaymentReturn(it->second.token, cancel);
+}
+
+bool ShopService::FindPayment(const std::string& token, PaymentView* view) const {
+  if (token.empty()) return false;
+  for (const auto& entry : orders_) {
+    const Order& order = entry.second;
+    if (order.token != token || order.state != OrderState::kCommitted) continue;
+    *view = PaymentView();
+    view->order_id = order.order_id;
+    view->token = token;
+    view->currency = "EUR";
+    for (const auto& line : order.lines) {
+      const CatalogBook* book = FindCatalogBook(line.second);
+      view->lines.emplace_back(book->title, book->price_cents);
+      view->total_cents += book->price_cents;
+    }
+    return true;
+  }
+  return false;
+}
+
+std::string ShopService::PaymentReturn(const std::string& token, bool cancel) const {
+  for (const auto& entry : orders_) {
+    const Order& order = entry.second;
+    if (token.empty() || order.token != token) continue;
+    if (cancel) return base_url_ + "/pay/back?order=" + std::to_string(order.order_id);
+    return base_url_ + "/pay/paypal?token=" + order.token + "&PayerID=" + order.payer_id;
+  }
+  return "";
 }
 
 }  // namespace vistrel_demo

@@ -31,6 +31,23 @@ class ShopService {
   std::string PaymentStart(int64_t order_id, bool cancel);
   std::string PaymentGateway(int64_t order_id, bool cancel);
 
+  // The payment as its checkout page shows it.
+  struct PaymentView {
+    int64_t order_id = -1;
+    std::string token;
+    std::vector<std::pair<std::string, int>> lines;  // title, price in cents
+    int total_cents = 0;
+    std::string currency;
+  };
+  // The PayPal token of a committed order, handed out on first use; "" when the order is not
+  // waiting for payment.
+  std::string PaymentToken(int64_t order_id);
+  // The order waiting for payment under `token`. False when there is none.
+  bool FindPayment(const std::string& token, PaymentView* view) const;
+  // Where the provider sends the buyer back: the PayPal return with token and payer, or the
+  // shop's back address when `cancel`. "" for an unknown token.
+  std::string PaymentReturn(const std::string& token, bool cancel) const;
+
   void set_link_delay(std::chrono::milliseconds delay) { link_delay_ = delay; }
 
  private:

@@ -60,14 +60,18 @@ const std::vector<Command>& Commands() {
        "when the shop dropped\na book (and says how to remove it).\n",
        RunCheckout},
       {"pay", "order the shop's cart and pay it",
-       "usage: vistrel pay [--yes] [--timeout SECONDS]\n\nChecks the cart out (again: the "
+       "usage: vistrel pay [--yes] [--timeout SECONDS] [--browser chromium|http] [--headless]\n\nChecks the cart out (again: the "
        "shop's cart id lives only as long as the\nprocess), shows the shop's cart and its "
        "total and asks before paying, prepares\nand commits the order, pays it in the "
        "browser, and waits until the shop has\ndelivered every book (checked every 5 "
        "seconds). While it waits, the order is\nkept on the device: when the wait fails or "
        "is cut short, vistrel order checks\nit again later.\n\n"
        "  --yes              pay without asking (needed when stdin is no terminal)\n"
-       "  --timeout SECONDS  stop waiting for the delivery after about this long\n",
+       "  --timeout SECONDS  stop waiting for the delivery after about this long\n"
+       "  --browser NAME     chromium (a window, or --headless) or http (follows\n"
+       "                     redirects only); default a Chromium window when there is\n"
+       "                     Chromium and a display, else http\n"
+       "  --headless         Chromium without a window\n",
        RunPay},
       {"order", "check a paid order that is not delivered yet",
        "usage: vistrel order [--wait [--timeout SECONDS]]\n\nChecks the order that pay kept "

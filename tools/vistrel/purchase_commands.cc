@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "browser_choice.h"
 #include "cli.h"
 #include "commands.h"
 
@@ -126,7 +127,11 @@ int RunCheckout(const std::vector<std::string>& words) {
   return kExitOk;
 }
 
-int RunPay(const std::vector<std::string>& words) {
+int RunPay(const std::vector<std::string>& arguments) {
+  std::vector<std::string> words = arguments;
+  BrowserChoice browser_choice;
+  std::string problem;
+  if (!TakeBrowserOptions(&words, &browser_choice, &problem)) return Usage(problem);
   Args args;
   std::string error;
   if (!ParseArgs(words, {"--timeout"}, {"--yes"}, &args, &error)) return Usage(error);
@@ -166,7 +171,9 @@ int RunPay(const std::vector<std::string>& words) {
       !Confirm("Pay " + total + " for " + Count(store->cart().GetSize(), "book") + "?")) {
     return Fail(kExitFailed, "not paid");
   }
-  std::printf("paying %s in the browser...\n", total.c_str());
+  const std::string browser = UseBrowser(browser_choice, &problem);
+  if (browser.empty()) return Fail(kExitFailed, "cannot pay: " + problem);
+  std::printf("paying %s in %s...\n", total.c_str(), browser.c_str());
   std::fflush(stdout);
   ForgetExchanges();
   ServerApi::Result result = store->StartPayment();

@@ -80,4 +80,16 @@ void AppendEvent(const std::string& line) {
   close(fd);
 }
 
+Browser BrowserSetting() {
+  const std::string browser = Env("VISTREL_BROWSER");
+  if (browser.empty()) return Browser::kUnset;
+  if (browser == "http") return Browser::kHttp;
+  if (browser == "chromium") return Browser::kChromium;
+  return Browser::kOther;
+}
+
+bool BrowserHeadless() { return Env("VISTREL_BROWSER_HEADLESS") == "1"; }
+
+bool HasDisplay() { return !Env("DISPLAY").empty() || !Env("WAYLAND_DISPLAY").empty(); }
+
 }  // namespace vistrel_host

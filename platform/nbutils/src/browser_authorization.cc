@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "host/environment.h"
+#include "nbutils/chromium_browser.h"
 #include "nbutils/http_request.h"
 #include "nbutils/url.h"
 
@@ -25,10 +27,21 @@ BackendSlot& Slot() {
   return slot;
 }
 
+// The backend the host emulation names (VISTREL_BROWSER); the redirect follower unless it
+// names Chromium.
+std::shared_ptr<BrowserAuthorization::Backend> HostDefaultBackend() {
+  if (vistrel_host::BrowserSetting() != vistrel_host::Browser::kChromium) {
+    return CreateHttpBrowserBackend();
+  }
+  ChromiumOptions options;
+  options.headless = vistrel_host::BrowserHeadless();
+  return CreateChromiumBrowserBackend(options);
+}
+
 std::shared_ptr<BrowserAuthorization::Backend> CurrentBackend() {
   BackendSlot& slot = Slot();
   std::lock_guard<std::mutex> guard(slot.lock);
-  if (!slot.backend) slot.backend = CreateHttpBrowserBackend();
+  if (!slot.backend) slot.backend = HostDefaultBackend();
   return slot.backend;
 }
 

@@ -6,6 +6,9 @@
 //   VISTREL_SERIAL_NUMBER   the device serial number (default: none)
 //   VISTREL_LOG_FILE        file to which every device event is appended as one
 //                           tab-separated line (default: level-2 log lines to stderr only)
+//   VISTREL_BROWSER         the payment browser: "chromium" (a real Chromium) or "http" (the
+//                           redirect follower; the default)
+//   VISTREL_BROWSER_HEADLESS "1": Chromium without a window
 //
 // Variables are read at each call, so a process (or a test) may change them between calls.
 #ifndef HOST_ENVIRONMENT_H_
@@ -29,6 +32,15 @@ const char* SerialNumber();
 bool HasEventLog();
 // Appends one line (a newline is added) to the event log and flushes it; no-op without one.
 void AppendEvent(const std::string& line);
+
+// The payment browser that VISTREL_BROWSER names: kUnset when it is unset, kOther when it
+// names something else.
+enum class Browser { kUnset, kHttp, kChromium, kOther };
+Browser BrowserSetting();
+// Whether VISTREL_BROWSER_HEADLESS is "1".
+bool BrowserHeadless();
+// Whether the session has a graphical display ($DISPLAY or $WAYLAND_DISPLAY set).
+bool HasDisplay();
 
 }  // namespace vistrel_host
 

@@ -25,7 +25,8 @@ class BrowserAuthorization {
   };
 
   // How a session is shown. The host default loads addresses over HTTP(S) and follows their
-  // redirects (see CreateHttpBrowserBackend); a real browser can be plugged in instead.
+  // redirects (see CreateHttpBrowserBackend), or shows them in a real Chromium when the host
+  // emulation says so (see nbutils/chromium_browser.h); any browser can be plugged in instead.
   class Backend {
    public:
     virtual ~Backend() = default;
@@ -66,7 +67,8 @@ class BrowserAuthorization {
   bool IsRunning();
   IEventHandler* handler() const { return handler_; }
 
-  // Replaces the backend of every later session (null: the host default).
+  // Replaces the backend of every later session (null: the host default, chosen again at the
+  // next session).
   static void SetBackend(std::shared_ptr<Backend> backend);
 
  private:
