@@ -7,14 +7,14 @@
 // against the address the feed was read from when it is read (a link that cannot be resolved,
 // because that address is not an absolute one, stays as the server wrote it).
 //
-//   opds::Feed feed;
+//   norbel::opds::Feed feed;
 //   std::string error;
-//   if (!opds::FetchFeed("https://books.example/opds", &feed, &error)) { ... }
-//   for (const opds::Entry& entry : feed.entries) {
-//     if (const opds::Link* section = entry.NavigationLink()) { /* a sub-catalogue */ }
+//   if (!norbel::opds::FetchFeed("https://books.example/opds", &feed, &error)) { ... }
+//   for (const norbel::opds::Entry& entry : feed.entries) {
+//     if (const norbel::opds::Link* section = entry.NavigationLink()) { /* a sub-catalogue */ }
 //     else { /* a book: entry.Ean(), entry.title, entry.AcquisitionLinks() */ }
 //   }
-//   const opds::Link* next_page = feed.FindLink(opds::rel::kNext);
+//   const norbel::opds::Link* next_page = feed.FindLink(norbel::opds::rel::kNext);
 #ifndef OPDSMODEL_FEED_H_
 #define OPDSMODEL_FEED_H_
 
