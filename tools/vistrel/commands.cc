@@ -60,7 +60,8 @@ const std::vector<Command>& Commands() {
        "when the shop dropped\na book (and says how to remove it).\n",
        RunCheckout},
       {"pay", "order the shop's cart and pay it",
-       "usage: vistrel pay [--yes] [--timeout SECONDS] [--browser chromium|http] [--headless]\n\nChecks the cart out (again: the "
+       "usage: vistrel pay [--yes] [--timeout SECONDS] [--browser chromium|http] "
+       "[--headless]\n\nChecks the cart out (again: the "
        "shop's cart id lives only as long as the\nprocess), shows the shop's cart and its "
        "total and asks before paying, prepares\nand commits the order, pays it in the "
        "browser, and waits until the shop has\ndelivered every book (checked every 5 "
