@@ -149,7 +149,7 @@ TEST_F(DemoShopTest, PaymentPagesLeadFromTheCheckoutFormToTheReturnAddresses) {
   const std::string token = match[1];
   auto page = Get(checkout);
   ASSERT_TRUE(page && page->status == 200);
-  // Titles are escaped: "Keeper's" appears as "Keeper&#39;s".
+  // Titles are escaped: "Keeper's" appears as "Keeper&apos;s".
   const std::vector<std::string> parts = {vistrel_demo::EscapeHtml(DemoCatalog()[0].title),
                                           DemoCatalog()[2].title,
                                           "Pay 8.48 EUR",

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "book_files.h"
+
 namespace vistrel_demo {
 namespace {
 
@@ -26,31 +28,7 @@ std::string Head(const std::string& title) {
 
 }  // namespace
 
-std::string EscapeHtml(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&#39;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
+std::string EscapeHtml(const std::string& text) { return XmlEscape(text); }
 
 bool PlausibleEmail(const std::string& email) {
   const size_t at = email.find('@');
