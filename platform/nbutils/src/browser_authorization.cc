@@ -1,7 +1,5 @@
 #include "nbutils/browser_authorization.h"
 
-#include <strings.h>
-
 #include <utility>
 
 #include "host/environment.h"
@@ -63,18 +61,6 @@ class HttpBrowserBackend : public BrowserAuthorization::Backend {
   static std::string NextAddress(const Url& address, const std::string& text);
 };
 
-bool IsRedirect(long status) {
-  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
-}
-
-std::string HeaderValue(const std::vector<std::pair<std::string, std::string>>& headers,
-                        const char* name) {
-  for (const auto& [field, value] : headers) {
-    if (strcasecmp(field.c_str(), name) == 0) return value;
-  }
-  return std::string();
-}
-
 int HttpBrowserBackend::Run(BrowserAuthorization& session, const std::string& /*browser_path*/,
                             const std::string& url, const std::vector<std::string>& /*args*/) {
   std::string text = url;
@@ -98,8 +84,8 @@ std::string HttpBrowserBackend::NextAddress(const Url& address, const std::strin
   if (runner.PerformRequest(request, &status, nullptr, kPageLimitSeconds, &headers) != 0) {
     return std::string();
   }
-  if (!IsRedirect(status)) return std::string();
-  return address.Resolve(HeaderValue(headers, "Location"));
+  if (!IsRedirectStatus(status)) return std::string();
+  return address.Resolve(FindHeader(headers, "Location"));
 }
 
 }  // namespace

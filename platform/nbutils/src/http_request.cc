@@ -1,6 +1,7 @@
 #include "nbutils/http_request.h"
 
 #include <curl/curl.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <atomic>
@@ -268,5 +269,18 @@ void SetRequestTimeLimitOverride(std::chrono::milliseconds limit) {
 }
 
 }  // namespace testing
+bool IsRedirectStatus(long http_code) {
+  return http_code == 301 || http_code == 302 || http_code == 303 || http_code == 307 ||
+         http_code == 308;
+}
+
+std::string FindHeader(const std::vector<std::pair<std::string, std::string>>& headers,
+                       const char* name) {
+  for (const auto& [field, value] : headers) {
+    if (strcasecmp(field.c_str(), name) == 0) return value;
+  }
+  return std::string();
+}
+
 }  // namespace utilities
 }  // namespace norbel

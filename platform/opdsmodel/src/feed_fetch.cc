@@ -1,7 +1,6 @@
 #include "opdsmodel/feed_fetch.h"
 
 #include <curl/curl.h>
-#include <strings.h>
 
 #include <vector>
 
@@ -17,18 +16,6 @@ namespace {
 constexpr char kAccept[] =
     "application/atom+xml;profile=opds-catalog, application/opds+json, application/atom+xml, "
     "application/json;q=0.9, application/xml;q=0.8, */*;q=0.5";
-
-bool IsRedirect(long status) {
-  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
-}
-
-std::string HeaderValue(const std::vector<std::pair<std::string, std::string>>& headers,
-                        const char* name) {
-  for (const auto& [field, value] : headers) {
-    if (strcasecmp(field.c_str(), name) == 0) return value;
-  }
-  return std::string();
-}
 
 // FetchDocument into the runner's own buffer: a feed near the size cap is held once.
 bool Fetch(const std::string& url, std::vector<char>* body, std::string* final_url,
@@ -52,8 +39,8 @@ bool Fetch(const std::string& url, std::vector<char>* body, std::string* final_u
       *error = "cannot fetch " + address + ": " + curl_easy_strerror(static_cast<CURLcode>(code));
       return false;
     }
-    if (IsRedirect(status)) {
-      const std::string next = parsed.Resolve(HeaderValue(headers, "Location"));
+    if (utilities::IsRedirectStatus(status)) {
+      const std::string next = parsed.Resolve(utilities::FindHeader(headers, "Location"));
       if (next.empty()) {
         *error = "cannot fetch " + address + ": status " + std::to_string(status) +
                  " without a usable Location";
@@ -74,7 +61,7 @@ bool Fetch(const std::string& url, std::vector<char>* body, std::string* final_u
     }
     *failure = FetchFailure::kNone;
     *final_url = address;
-    *content_type = HeaderValue(headers, "Content-Type");
+    *content_type = utilities::FindHeader(headers, "Content-Type");
     return true;
   }
   *error =

@@ -71,6 +71,13 @@ class HttpRequestRunner {
                      long* status_seen, bool* too_large, std::string* error_text);
 };
 
+// Reading an answer that came back unfollowed: true for the statuses that carry a Location to
+// follow (301, 302, 303, 307, 308).
+bool IsRedirectStatus(long http_code);
+// The value of the first answer header called `name` (any case); "" when there is none.
+std::string FindHeader(const std::vector<std::pair<std::string, std::string>>& headers,
+                       const char* name);
+
 // What became of one transfer, for diagnostics. An addition of the host stand-in: the
 // library's calls report only success or failure, so a client that wants to tell the user which
 // address failed and how reads it here.
