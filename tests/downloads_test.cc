@@ -169,6 +169,9 @@ TEST_F(DownloadsTest, DownloadsStartByRemovingPartialsOfBooksNoLongerBoughtAndRe
                                          "validator \"r1\"\ntotal 300000\n");
   // And one of a book that is no longer among the purchases.
   WriteDeviceFile("/mnt/ext1/Downloads/.Gone - Book.pdf.part", std::string(5000, 'g'));
+  WriteDeviceFile("/mnt/ext1/Downloads/.Gone - Book.pdf.part.info",
+                  "vistrel-partial 1\nurl " + url +
+                      "/gone\nname Gone - Book.pdf\nvalidator \"g\"\ntotal 9000\n");
   store_->DownloadBookById("1");
   DrainDownloads();
   EXPECT_TRUE(ReadDeviceFile("/mnt/ext1/Downloads/Author - Title 1.pdf") == content);

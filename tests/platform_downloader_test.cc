@@ -452,8 +452,11 @@ TEST_F(ResumeDownloadTest, StalePartialsAreRemoved) {
   for (const char* name : {"wanted.pdf", "unwanted.pdf", "old.pdf", "busy.pdf"}) {
     EXPECT_NE(downloader.Download(host.Url("/b"), folder + "/" + name, nullptr), 0);
   }
-  WriteDeviceFile(folder + "/.left-by-an-older-version.part", "x");
-  WriteDeviceFile(folder + "/.orphan.pdf.part.info", "vistrel-partial 1\n");
+  // A partial file without a record of ours is not ours: it stays.
+  WriteDeviceFile(folder + "/.not-ours.pdf.part", "x");
+  WriteDeviceFile(folder + "/.orphan.pdf.part.info",
+                  "vistrel-partial 1\nurl http://x/b\nname orphan.pdf\nvalidator \"s\"\n"
+                  "total 5000\n");
   WriteDeviceFile(folder + "/.someone-elses-file", "keep me");
   const std::string old_data = HostPath(folder + "/.old.pdf.part");
   const time_t ten_days_ago = time(nullptr) - time_t{10 * 86400};
@@ -465,7 +468,7 @@ TEST_F(ResumeDownloadTest, StalePartialsAreRemoved) {
   ASSERT_EQ(flock(busy, LOCK_EX), 0);
 
   auto wanted = [](const std::string& name) { return name == "wanted.pdf" || name == "old.pdf"; };
-  EXPECT_EQ(Downloader::RemoveStalePartials(folder, wanted, int64_t{3} * 86400), 6);
+  EXPECT_EQ(Downloader::RemoveStalePartials(folder, wanted, int64_t{3} * 86400), 5);
   close(busy);
   std::vector<std::string> left;
   for (const auto& entry : std::filesystem::directory_iterator(HostPath(folder))) {
@@ -473,8 +476,8 @@ TEST_F(ResumeDownloadTest, StalePartialsAreRemoved) {
   }
   std::sort(left.begin(), left.end());
   EXPECT_EQ(left, (std::vector<std::string>{".busy.pdf.part", ".busy.pdf.part.info",
-                                            ".someone-elses-file", ".wanted.pdf.part",
-                                            ".wanted.pdf.part.info"}));
+                                            ".not-ours.pdf.part", ".someone-elses-file",
+                                            ".wanted.pdf.part", ".wanted.pdf.part.info"}));
 }
 
 }  // namespace

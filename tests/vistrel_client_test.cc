@@ -359,7 +359,7 @@ TEST_F(VistrelClientTest, AnUndeliveredOrderIsRecoveredByALaterProcess) {
   WriteDeviceFile(pending, "{not json");
   Outcome unreadable = Vistrel({"order"});
   EXPECT_EQ(1, unreadable.exit_code);
-  EXPECT_EQ("{not json", ReadDeviceFile(pending + ".unreadable"));
+  EXPECT_EQ(KeptAside(pending), std::vector<std::string>{"{not json"});
 }
 
 TEST_F(VistrelClientTest, ConfigurationFileFlagsAndEnvironment) {

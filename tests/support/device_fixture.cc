@@ -1,5 +1,6 @@
 #include "support/device_fixture.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -54,6 +55,24 @@ bool DeviceTest::DeviceFileExists(const std::string& device_path) const {
 size_t DeviceTest::DeviceFolderEntries(const std::string& device_folder) const {
   std::error_code error;
   return std::distance(std::filesystem::directory_iterator(HostPath(device_folder), error), {});
+}
+
+std::vector<std::string> DeviceTest::KeptAside(const std::string& device_path) const {
+  const std::filesystem::path path(HostPath(device_path));
+  const std::string prefix = path.filename().string() + ".unreadable-";
+  std::vector<std::string> names;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(path.parent_path(), error)) {
+    const std::string name = entry.path().filename().string();
+    if (name.compare(0, prefix.size(), prefix) == 0) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  std::vector<std::string> contents;
+  for (const std::string& name : names) {
+    contents.push_back(
+        ReadDeviceFile(std::filesystem::path(device_path).parent_path().string() + "/" + name));
+  }
+  return contents;
 }
 
 std::vector<Event> DeviceTest::Events() const {

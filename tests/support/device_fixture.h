@@ -29,6 +29,9 @@ class DeviceTest : public ::testing::Test {
   bool DeviceFileExists(const std::string& device_path) const;
   // The number of entries of a device folder; 0 when it does not exist.
   size_t DeviceFolderEntries(const std::string& device_folder) const;
+  // The contents of the files that were kept aside in place of `device_path`
+  // ("<device_path>.unreadable-..."), in the order of their names.
+  std::vector<std::string> KeptAside(const std::string& device_path) const;
 
   // Every event logged so far.
   std::vector<Event> Events() const;

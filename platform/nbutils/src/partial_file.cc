@@ -106,14 +106,13 @@ bool ReadInfo(const std::string& path, PartialInfo* info) {
 
 bool OneLine(const std::string& text) { return text.find_first_of("\r\n") == std::string::npos; }
 
-// The target name of a data entry: taken from its record, or from the entry's own name when
-// that is not the stand-in for a long one. "" when unknown.
+// The target name of a data entry, from its record; "" when the entry has no record of ours
+// (then it is not a partial file this downloader made, and is left alone).
 std::string TargetOfData(const std::string& folder, const std::string& entry) {
   std::string stem = entry.substr(0, entry.size() - std::strlen(kDataSuffix));
   PartialInfo info;
   if (ReadInfo(folder + "/" + stem + kInfoSuffix, &info)) return info.name;
-  if (StartsWith(stem, kHashedPrefix)) return std::string();
-  return stem.substr(1);
+  return std::string();
 }
 
 // Whether a running download (of any process) holds the data entry `entry`.
@@ -292,11 +291,17 @@ int PartialFile::RemoveStale(const std::string& folder,
       if (age(entry) > max_age_seconds) remove(entry);  // left by a process killed mid-save
     } else if (EndsWith(entry, kInfoSuffix)) {
       std::string data = entry.substr(0, entry.size() - std::strlen(".info"));
-      if (age(data) < 0) remove(entry);
+      PartialInfo info;
+      if (age(data) < 0 && ReadInfo(folder + "/" + entry, &info)) remove(entry);
     } else if (EndsWith(entry, kDataSuffix)) {
+      // Only partial files with a record of ours: anything else of that name is not ours.
       std::string name = TargetOfData(folder, entry);
-      bool unwanted = !name.empty() && !wanted(name);
-      if ((unwanted || age(entry) > max_age_seconds) && !InUse(dir_fd, entry)) {
+      struct stat st;
+      if (name.empty() || fstatat(dir_fd, entry.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+          !IsOurs(st)) {
+        continue;
+      }
+      if ((!wanted(name) || age(entry) > max_age_seconds) && !InUse(dir_fd, entry)) {
         std::string stem = entry.substr(0, entry.size() - std::strlen(kDataSuffix));
         remove(stem + kInfoSuffix);
         remove(entry);

@@ -170,17 +170,18 @@ class VISTREL_STORE_EXPORT StoreManager {
   std::vector<Language> languages_;
   Cart cart_;
   std::vector<Book> purchased_;
-  // Ean -> position of the first purchased book with it: a library screen asks for the status
-  // of every book it shows, and the list can hold tens of thousands.
-  std::unordered_map<std::string, size_t> purchased_index_;
-  // Whether the partial files of earlier downloads were checked against purchased_.
-  bool partials_checked_ = false;
   std::vector<Book> download_queue_;
   opds::ResourceDownloader downloader_;
   std::future<int> download_future_;
   Book current_download_;
   PaymentData payment_data_;
   std::string order_date_processed_;
+  // Additions after the members above, which keep their order.
+  // Ean -> position of the first purchased book with it: a library screen asks for the status
+  // of every book it shows, and the list can hold tens of thousands.
+  std::unordered_map<std::string, size_t> purchased_index_;
+  // Whether the partial files of earlier downloads were checked against purchased_.
+  bool partials_checked_ = false;
 };
 
 }  // namespace vistrel

@@ -54,15 +54,6 @@ std::string ReadCartFile(Json::Value* json) {
 }
 
 // "20261122T231500Z"
-std::string UtcStamp() {
-  time_t now = time(nullptr);
-  struct tm utc {};
-  gmtime_r(&now, &utc);
-  char text[32];
-  strftime(text, sizeof(text), "%Y%m%dT%H%M%SZ", &utc);
-  return text;
-}
-
 // The signed 32-bit sum of the lines' cents; each Price is cut to 32 bits and the sum wraps
 // around as 32-bit arithmetic does.
 int32_t TotalCents(const std::vector<Book>& items) {
@@ -169,14 +160,8 @@ bool Cart::SetAsideUnreadableFile(std::string* kept_as, std::string* problem) {
       }
     }
     if (wrong.empty()) return false;
-    std::string kept = std::string(kCartFile) + ".unreadable-" + UtcStamp();
-    for (int n = 2; access(utilities::DevicePath(kept).c_str(), F_OK) == 0; ++n) {
-      kept = std::string(kCartFile) + ".unreadable-" + UtcStamp() + "-" + std::to_string(n);
-    }
-    if (rename(utilities::DevicePath(kCartFile).c_str(), utilities::DevicePath(kept).c_str()) !=
-        0) {
-      return false;
-    }
+    std::string kept;
+    if (!utilities::KeepFileAside(kCartFile, &kept)) return false;
     Cart().Save();
     *kept_as = kept;
     *problem = wrong;

@@ -99,11 +99,13 @@ int StoreManager::CheckDownloadState() {
   std::string file_name = GenerateBookShortFileName(current_download_);
   if (!download_future_.valid()) {
     // Once per list of purchased books, the first task removes the partial files of books no
-    // longer bought, and old ones, before it starts.
+    // longer bought, and old ones, before it starts. An empty list (the shop did not answer)
+    // says nothing about what is wanted, so nothing is removed then.
     std::shared_ptr<std::unordered_set<std::string>> wanted;
-    if (!partials_checked_) {
+    if (!partials_checked_ && !purchased_.empty()) {
       wanted = std::make_shared<std::unordered_set<std::string>>();
       for (const Book& book : purchased_) wanted->insert(GenerateBookShortFileName(book));
+      for (const Book& book : download_queue_) wanted->insert(GenerateBookShortFileName(book));
       wanted->insert(file_name);
       partials_checked_ = true;
     }

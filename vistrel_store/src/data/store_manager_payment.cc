@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <exception>
-#include <fstream>
 
 #include "book_props.h"
 #include "check_log.h"
@@ -58,24 +57,38 @@ struct PendingOrder {
   bool confirmed = false;
 };
 
+// Never deleted unread: an order file that cannot be used is moved aside for a person to look
+// at, and the move is logged.
+void KeepPendingOrderAside(const char* why) {
+  std::string kept;
+  if (utilities::KeepFileAside(kPendingOrderPath, &kept)) {
+    nb_print_log2(kLogError, kStoreManagerSource, __LINE__, __PRETTY_FUNCTION__,
+                  "%s pending order kept as %s", why, kept.c_str());
+  }
+}
+
 bool WritePendingOrder(const PendingOrder& pending) {
   Json::Value root(Json::objectValue);
   root["orderID"] = static_cast<Json::Int64>(pending.payment.order_id_);
   root["token"] = pending.payment.token_;
   root["payerID"] = pending.payment.payer_id_;
   root["confirmed"] = pending.confirmed;
-  return utilities::WriteFileAtomically(kPendingOrderPath, Json::StyledWriter().write(root));
+  // The token pays for an order: private, like the configuration file.
+  return utilities::WriteFileAtomically(kPendingOrderPath, Json::StyledWriter().write(root), 0600);
 }
 
 // 1 with *pending filled, 0 when there is no file, -1 when it is unreadable (too large, not
 // JSON, or without an order id).
 int ReadPendingOrder(PendingOrder* pending) {
-  std::ifstream in(utilities::DevicePath(kPendingOrderPath), std::ios::binary);
-  if (!in) return 0;
-  std::string text(static_cast<size_t>(kPendingOrderMaxBytes) + 1, '\0');
-  in.read(&text[0], kPendingOrderMaxBytes + 1);
-  if (in.gcount() > kPendingOrderMaxBytes) return -1;
-  text.resize(static_cast<size_t>(in.gcount()));
+  std::string text;
+  switch (utilities::ReadDeviceFile(kPendingOrderPath, kPendingOrderMaxBytes, &text)) {
+    case utilities::FileRead::kRead:
+      break;
+    case utilities::FileRead::kMissing:
+      return 0;
+    default:
+      return -1;
+  }
   Json::Value root;
   try {
     if (!Json::Reader().parse(text, root, false) || !root.isObject()) return -1;
@@ -207,10 +220,14 @@ int StoreManager::CheckOrderIfNeeded() {
 
 ServerApi::Result StoreManager::WaitForPaymentResult(const std::function<bool()>& keep_waiting) {
   EnsureNetwork();
+  if (payment_data_.order_id_ == -1) return ServerApi::Result(ServerApi::kFailed);
   PendingOrder pending;
-  const bool confirmed_before = ReadPendingOrder(&pending) == 1 &&
-                                pending.payment.order_id_ == payment_data_.order_id_ &&
-                                pending.confirmed;
+  const int found = ReadPendingOrder(&pending);
+  if (found == -1) KeepPendingOrderAside("unreadable");
+  const bool same_order = found == 1 && pending.payment.order_id_ == payment_data_.order_id_;
+  // Another paid order still waiting for its books is kept, not overwritten.
+  if (found == 1 && !same_order && pending.confirmed) KeepPendingOrderAside("earlier");
+  const bool confirmed_before = same_order && pending.confirmed;
   pending.payment = payment_data_;
   pending.confirmed = confirmed_before;
   WritePendingOrder(pending);
@@ -242,13 +259,7 @@ int StoreManager::RestorePendingOrder() {
   PendingOrder pending;
   const int found = ReadPendingOrder(&pending);
   if (found == 1) payment_data_ = pending.payment;
-  if (found == -1) {
-    // Never deleted unread: moved aside for a person to look at.
-    const std::string path = utilities::DevicePath(kPendingOrderPath);
-    std::rename(path.c_str(), (path + ".unreadable").c_str());
-    nb_print_log2(kLogError, kStoreManagerSource, __LINE__, __PRETTY_FUNCTION__,
-                  "unreadable pending order moved to vistrel_pending_order.unreadable");
-  }
+  if (found == -1) KeepPendingOrderAside("unreadable");
   return found;
 }
 

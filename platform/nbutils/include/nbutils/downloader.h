@@ -100,7 +100,8 @@ class Downloader {
 
   // Removes, from the device folder `folder`, the partial files of downloads that `wanted`
   // (given a file name in the folder) no longer wants, and those unchanged for
-  // `max_age_seconds`. Partial files that a running download (of any process) holds are left
+  // `max_age_seconds`. Only partial files with this downloader's own record are touched;
+  // those that a running download (of any process) holds, and every other file, are left
   // alone. Returns the number of entries removed.
   static int RemoveStalePartials(const std::string& folder,
                                  const std::function<bool(const std::string&)>& wanted,

@@ -30,6 +30,12 @@ enum class FileRead {
 // Reads the device file `device_path` whole when it is a regular file of at most `max_bytes`.
 FileRead ReadDeviceFile(const std::string& device_path, int64_t max_bytes, std::string* content);
 
+// Moves the device file `device_path` aside, for a person to look at, instead of deleting it:
+// it is renamed to "<device_path>.unreadable-<UTC time>" (with "-2", "-3", ... when that name
+// is taken; an existing file is never replaced) and the folder is synced. Stores the new
+// device path in *kept_as. False when the file could not be moved.
+bool KeepFileAside(const std::string& device_path, std::string* kept_as);
+
 }  // namespace utilities
 }  // namespace norbel
 
