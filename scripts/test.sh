@@ -30,7 +30,8 @@ echo "== payment in a real Chromium, in a network namespace that holds only loop
 # own; a user, one inside a user namespace.
 netns=(unshare -n)
 [ "$(id -u)" -ne 0 ] && netns=(unshare -r -n)
-"${netns[@]}" sh -c 'ip link set lo up && cd build && ctest --output-on-failure -L browser'
+VISTREL_REQUIRE_BROWSER=1 "${netns[@]}" sh -c \
+  'ip link set lo up && cd build && ctest --output-on-failure -L browser'
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   CTEST_ARGS="-E install_consumer -LE browser" \

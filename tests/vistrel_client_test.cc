@@ -346,12 +346,13 @@ TEST_F(VistrelClientTest, AnUndeliveredOrderIsRecoveredByALaterProcess) {
   EXPECT_EQ("no order is waiting for delivery\n", Vistrel({"order"}).out);
 
   // A wait cut short by --timeout keeps the order; links come a little later.
-  shop_.SetLinkDelay(std::chrono::milliseconds(400));
+  // Long enough that a loaded machine still checks before the links are there.
+  shop_.SetLinkDelay(std::chrono::milliseconds(2000));
   ASSERT_EQ(0, Vistrel({"cart", "add", DemoCatalog()[1].ean}).exit_code);
   Outcome short_wait = Vistrel({"pay", "--yes", "--timeout=0"});
   EXPECT_EQ(1, short_wait.exit_code);
   EXPECT_TRUE(Contains(short_wait.err, "is not delivered (not yet)")) << short_wait.err;
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
   EXPECT_EQ(0, Vistrel({"order"}).exit_code);
   EXPECT_FALSE(DeviceFileExists(pending));
 

@@ -94,11 +94,18 @@ void Recorder::UrlChanged(const std::string& url) {
 
 void ChromiumTest::SetUp() {
   DeviceTest::SetUp();
+  // The test command's browser stage sets VISTREL_REQUIRE_BROWSER: there a skip would hide
+  // that no browser test ran.
+  const bool required = std::getenv("VISTREL_REQUIRE_BROWSER") != nullptr;
   if (!OnlyLoopback()) {
+    if (required) FAIL() << "not in a network namespace that holds nothing but loopback";
     GTEST_SKIP() << "starts Chromium only in a network namespace that holds nothing but "
                     "loopback: run under `unshare -n` (scripts/test.sh does)";
   }
-  if (!norbel::utilities::ChromiumInstalled()) GTEST_SKIP() << "Chromium is not installed";
+  if (!norbel::utilities::ChromiumInstalled()) {
+    if (required) FAIL() << "Chromium is not installed";
+    GTEST_SKIP() << "Chromium is not installed";
+  }
   setenv("TMPDIR", work_dir_.c_str(), 1);
 }
 

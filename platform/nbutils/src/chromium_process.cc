@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -281,7 +282,11 @@ void ChromiumProcess::KillLeftovers() const {
     char* end = nullptr;
     const long pid = strtol(entry->d_name, &end, 10);
     if (end == entry->d_name || *end != '\0' || pid <= 0 || pid == self) continue;
-    std::ifstream in(std::string("/proc/") + entry->d_name + "/cmdline", std::ios::binary);
+    // Only processes of this user that name this session's own, freshly made profile folder.
+    struct stat owner;
+    const std::string dir = std::string("/proc/") + entry->d_name;
+    if (stat(dir.c_str(), &owner) != 0 || owner.st_uid != geteuid()) continue;
+    std::ifstream in(dir + "/cmdline", std::ios::binary);
     std::string command_line((std::istreambuf_iterator<char>(in)), {});
     if (command_line.find(profile_) != std::string::npos) kill(static_cast<pid_t>(pid), SIGKILL);
   }
