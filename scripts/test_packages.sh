@@ -93,7 +93,8 @@ fi
 
 echo "== run against the installed demo shop =="
 vistrel --help >/dev/null
-vistrel-demo-shop 0 --file-chunk-delay 2 >"$work/shop.out" 2>&1 &
+# The programs pay with the default browser of a host, the redirect follower.
+vistrel-demo-shop 0 --payment-style redirect --file-chunk-delay 2 >"$work/shop.out" 2>&1 &
 shop_pid=$!
 for _ in $(seq 50); do
   grep -q '^port: ' "$work/shop.out" && break
