@@ -5,6 +5,8 @@
 #include <json/writer.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <functional>
 
 #include "book_files.h"
 #include "demo_catalog.h"
@@ -168,6 +170,11 @@ void DemoShop::Reply(const httplib::Request& request, httplib::Response& respons
   if (request.path.compare(0, 7, "/files/") == 0) {
     std::lock_guard<std::mutex> hold(lock_);
     chunk_delay = file_chunk_delay_;
+    // A file host names each version of a file, so that a client can resume a download.
+    char etag[32];
+    std::snprintf(etag, sizeof(etag), "\"%016zx\"", std::hash<std::string>()(body));
+    response.set_header("ETag", etag);
+    response.set_header("Last-Modified", "Mon, 02 Nov 2026 09:00:00 GMT");
   }
   if (!drop && chunk_delay.count() == 0) {
     response.set_content(body, content_type.c_str());
