@@ -110,6 +110,17 @@ TEST_F(PendingOrderTest, AFailedConfirmationIsRetriedAndAnUnreadableFileSetAside
   }
   // Both are kept: the second does not replace the first.
   EXPECT_EQ(KeptAside(kPending), broken);
+
+  // An order the shop no longer knows is given up, its record kept.
+  const std::string order = R"({"orderID": 12, "token": "t", "payerID": "p"})";
+  WriteDeviceFile(kPending, order);
+  std::string kept;
+  EXPECT_EQ(store_->ForgetPendingOrder(&kept), 1);
+  EXPECT_FALSE(DeviceFileExists(kPending));
+  EXPECT_EQ(KeptAside(kPending, "forgotten"), std::vector<std::string>{order});
+  EXPECT_EQ(ReadDeviceFile(kept), order);
+  EXPECT_EQ(store_->payment_data().order_id_, -1);
+  EXPECT_EQ(store_->ForgetPendingOrder(&kept), 0);
 }
 
 TEST_F(PendingOrderTest, ForgetAccountRemovesWhatLogOutKeeps) {

@@ -57,9 +57,10 @@ size_t DeviceTest::DeviceFolderEntries(const std::string& device_folder) const {
   return std::distance(std::filesystem::directory_iterator(HostPath(device_folder), error), {});
 }
 
-std::vector<std::string> DeviceTest::KeptAside(const std::string& device_path) const {
+std::vector<std::string> DeviceTest::KeptAside(const std::string& device_path,
+                                               const std::string& label) const {
   const std::filesystem::path path(HostPath(device_path));
-  const std::string prefix = path.filename().string() + ".unreadable-";
+  const std::string prefix = path.filename().string() + "." + label + "-";
   std::vector<std::string> names;
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator(path.parent_path(), error)) {

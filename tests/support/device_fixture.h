@@ -30,8 +30,9 @@ class DeviceTest : public ::testing::Test {
   // The number of entries of a device folder; 0 when it does not exist.
   size_t DeviceFolderEntries(const std::string& device_folder) const;
   // The contents of the files that were kept aside in place of `device_path`
-  // ("<device_path>.unreadable-..."), in the order of their names.
-  std::vector<std::string> KeptAside(const std::string& device_path) const;
+  // ("<device_path>.<label>-..."), in the order of their names.
+  std::vector<std::string> KeptAside(const std::string& device_path,
+                                     const std::string& label = "unreadable") const;
 
   // Every event logged so far.
   std::vector<Event> Events() const;

@@ -75,12 +75,15 @@ const std::vector<Command>& Commands() {
        "  --headless         Chromium without a window\n",
        RunPay},
       {"order", "check a paid order that is not delivered yet",
-       "usage: vistrel order [--wait [--timeout SECONDS]]\n\nChecks the order that pay kept "
+       "usage: vistrel order [--wait [--timeout SECONDS]] | --forget\n\nChecks the order that pay "
+       "kept "
        "on the device (also after a failed delivery check or\na restart) and, once the shop "
        "has delivered every book, reloads the purchases\nand forgets the order. Exit 0 when "
        "delivered or when no order waits, 1 when it is\nnot delivered yet.\n\n"
        "  --wait             check every 5 seconds until it is delivered (Ctrl-C stops)\n"
-       "  --timeout SECONDS  with --wait: stop after about this long\n",
+       "  --timeout SECONDS  with --wait: stop after about this long\n"
+       "  --forget           give the order up (the shop no longer knows it): its record\n"
+       "                     is kept aside on the device, and pay works again\n",
        RunOrder},
       {"purchased", "list the purchased books", "usage: vistrel purchased\n", RunPurchased},
       {"download", "download purchased books",

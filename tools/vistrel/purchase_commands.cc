@@ -102,8 +102,28 @@ int ReportDelivery(StoreManager* store, const ServerApi::Result& result, const W
     why = last.method + " " + last.url + ": " + last.Describe();
     code = kExitUnreachable;
   }
+  std::string next = "run vistrel order to check it again";
+  if (!result.message_.empty())
+    next += ", or vistrel order --forget if the shop no longer knows it";
   return Fail(code, "order " + std::to_string(order_id) + " is not delivered (" + why +
-                        "); it is kept on the device: run vistrel order to check it again");
+                        "); it is kept on the device: " + next);
+}
+
+// Gives up the kept order; its record stays on the device for a person to look at.
+int ForgetOrder() {
+  int code = 0;
+  StoreManager* store = StartStore(&code);
+  if (store == nullptr) return code;
+  std::string kept;
+  const int found = store->ForgetPendingOrder(&kept);
+  if (found == 0) {
+    std::printf("no order is waiting for delivery\n");
+    return kExitOk;
+  }
+  if (found < 0) return Fail(kExitFailed, "the pending order could not be moved aside");
+  std::printf("the order is no longer checked; its record is kept as %s\n",
+              WithHostPath(kept).c_str());
+  return kExitOk;
 }
 
 }  // namespace
@@ -202,8 +222,12 @@ int RunPay(const std::vector<std::string>& arguments) {
 int RunOrder(const std::vector<std::string>& words) {
   Args args;
   std::string error;
-  if (!ParseArgs(words, {"--timeout"}, {"--wait"}, &args, &error)) return Usage(error);
+  if (!ParseArgs(words, {"--timeout"}, {"--wait", "--forget"}, &args, &error)) return Usage(error);
   if (!args.positional.empty()) return Usage("order takes no arguments");
+  if (args.Has("--forget")) {
+    if (args.Has("--wait") || args.Has("--timeout")) return Usage("--forget goes alone");
+    return ForgetOrder();
+  }
   int64_t timeout = -1;
   if (!ParseTimeout(args, &timeout)) return Usage("--timeout wants whole seconds");
   if (args.Has("--timeout") && !args.Has("--wait")) return Usage("--timeout goes with --wait");
@@ -217,8 +241,8 @@ int RunOrder(const std::vector<std::string>& words) {
   }
   if (pending < 0) {
     return Fail(kExitFailed,
-                "the pending order on the device was unreadable; it was moved to " +
-                    WithHostPath("/mnt/ext1/system/config/vistrel_pending_order.unreadable"));
+                "the pending order on the device was unreadable; it was kept aside beside " +
+                    WithHostPath("/mnt/ext1/system/config/vistrel_pending_order"));
   }
   const int64_t order_id = store->payment_data().order_id_;
   std::printf("checking order %lld...\n", static_cast<long long>(order_id));

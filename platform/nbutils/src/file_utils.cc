@@ -31,14 +31,14 @@ FileRead ReadDeviceFile(const std::string& device_path, int64_t max_bytes, std::
   return FileRead::kFailed;
 }
 
-bool KeepFileAside(const std::string& device_path, std::string* kept_as) {
+bool KeepFileAside(const std::string& device_path, const std::string& label, std::string* kept_as) {
   const time_t now = time(nullptr);
   struct tm utc {};
   gmtime_r(&now, &utc);
   char stamp[32];
   strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%SZ", &utc);
   const std::string from = vistrel_host::ResolveDevicePath(device_path);
-  const std::string base = device_path + ".unreadable-" + stamp;
+  const std::string base = device_path + "." + label + "-" + stamp;
   for (int n = 1; n < 100; ++n) {
     const std::string kept = n == 1 ? base : base + "-" + std::to_string(n);
     const std::string to = vistrel_host::ResolveDevicePath(kept);

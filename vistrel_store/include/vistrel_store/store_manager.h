@@ -122,8 +122,13 @@ class VISTREL_STORE_EXPORT StoreManager {
   ServerApi::Result WaitForPaymentResult(const std::function<bool()>& keep_waiting);
   // Puts the order kept on the device in payment_data_, so that WaitForPaymentResult() and
   // CheckOrderIfNeeded() work on it. 1 when there was one, 0 when none, -1 when the file was
-  // unreadable (it is then moved aside to the same name + ".unreadable").
+  // unreadable (it is then moved aside to the same name + ".unreadable-<UTC time>").
   int RestorePendingOrder();
+  // Gives up the order kept on the device, for an order the shop no longer knows: the file is
+  // not deleted but moved aside to the same name + ".forgotten-<UTC time>" (stored in
+  // *kept_as when not null), and payment_data_ is reset. 1 when there was one, 0 when none,
+  // -1 when it could not be moved.
+  int ForgetPendingOrder(std::string* kept_as);
 
   // Downloads, one at a time, into "/mnt/ext1/Downloads". DownloadBookById() queues a
   // purchased book (the text after the last "/" of `id` is its Ean) and moves the downloads

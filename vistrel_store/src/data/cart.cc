@@ -161,7 +161,7 @@ bool Cart::SetAsideUnreadableFile(std::string* kept_as, std::string* problem) {
     }
     if (wrong.empty()) return false;
     std::string kept;
-    if (!utilities::KeepFileAside(kCartFile, &kept)) return false;
+    if (!utilities::KeepFileAside(kCartFile, "unreadable", &kept)) return false;
     Cart().Save();
     *kept_as = kept;
     *problem = wrong;

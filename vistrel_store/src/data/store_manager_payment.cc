@@ -57,14 +57,15 @@ struct PendingOrder {
   bool confirmed = false;
 };
 
-// Never deleted unread: an order file that cannot be used is moved aside for a person to look
-// at, and the move is logged.
-void KeepPendingOrderAside(const char* why) {
+// Never deleted: an order file that cannot be used, or that is given up, is moved aside for a
+// person to look at ("<file>.<why>-<time>"), and the move is logged. "" when it could not be
+// moved.
+std::string KeepPendingOrderAside(const char* why) {
   std::string kept;
-  if (utilities::KeepFileAside(kPendingOrderPath, &kept)) {
-    nb_print_log2(kLogError, kStoreManagerSource, __LINE__, __PRETTY_FUNCTION__,
-                  "%s pending order kept as %s", why, kept.c_str());
-  }
+  if (!utilities::KeepFileAside(kPendingOrderPath, why, &kept)) return std::string();
+  nb_print_log2(kLogError, kStoreManagerSource, __LINE__, __PRETTY_FUNCTION__,
+                "%s pending order kept as %s", why, kept.c_str());
+  return kept;
 }
 
 bool WritePendingOrder(const PendingOrder& pending) {
@@ -261,6 +262,17 @@ int StoreManager::RestorePendingOrder() {
   if (found == 1) payment_data_ = pending.payment;
   if (found == -1) KeepPendingOrderAside("unreadable");
   return found;
+}
+
+int StoreManager::ForgetPendingOrder(std::string* kept_as) {
+  PendingOrder pending;
+  const int found = ReadPendingOrder(&pending);
+  if (found == 0) return 0;
+  const std::string kept = KeepPendingOrderAside(found == 1 ? "forgotten" : "unreadable");
+  if (kept.empty()) return -1;
+  if (kept_as != nullptr) *kept_as = kept;
+  payment_data_ = PaymentData();
+  return 1;
 }
 
 }  // namespace vistrel

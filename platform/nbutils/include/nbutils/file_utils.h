@@ -31,10 +31,10 @@ enum class FileRead {
 FileRead ReadDeviceFile(const std::string& device_path, int64_t max_bytes, std::string* content);
 
 // Moves the device file `device_path` aside, for a person to look at, instead of deleting it:
-// it is renamed to "<device_path>.unreadable-<UTC time>" (with "-2", "-3", ... when that name
-// is taken; an existing file is never replaced) and the folder is synced. Stores the new
-// device path in *kept_as. False when the file could not be moved.
-bool KeepFileAside(const std::string& device_path, std::string* kept_as);
+// it is renamed to "<device_path>.<label>-<UTC time>" (label "unreadable", say; with "-2",
+// "-3", ... when that name is taken: an existing file is never replaced) and the folder is
+// synced. Stores the new device path in *kept_as. False when the file could not be moved.
+bool KeepFileAside(const std::string& device_path, const std::string& label, std::string* kept_as);
 
 }  // namespace utilities
 }  // namespace norbel
