@@ -19,6 +19,9 @@ namespace {
 
 // Why a download failed, in words for the person waiting for it.
 std::string FailureReason(const DownloadStatus& last, const std::string& link) {
+  if (link.empty()) {
+    return "the shop has no download link for it yet (not delivered: run vistrel order)";
+  }
   if (last.url != link) return "no download ran";
   if (!last.refused_type.empty()) {
     return "the server sent " + last.refused_type + " instead of a book";

@@ -113,6 +113,7 @@ int main(int argc, char** argv) {
       } else {
         flags[option] = argv[++i];
       }
+      if (flags[option].empty()) return Fail(kExitUsage, "option " + option + " needs a value");
     } else if (!options_end && (arg == "-v" || arg == "--verbose")) {
       verbose = true;
     } else if (name.empty() && (arg == "-h" || arg == "--help")) {
@@ -141,7 +142,7 @@ int main(int argc, char** argv) {
     return kExitUsage;
   }
   if (name == "help") {
-    if (words.empty()) {
+    if (words.empty() || words[0] == "help" || words[0] == "--help" || words[0] == "-h") {
       PrintHelp();
       return vistrel_cli::kExitOk;
     }
