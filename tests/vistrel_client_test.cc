@@ -243,6 +243,10 @@ TEST_F(VistrelClientTest, ShopDownFailingSlowOrRefusingIsNamed) {
                        "session: the shop refused the stored credentials of "
                        "me@example.org (run vistrel login)"))
       << init.out;
+  // Nor do the commands that need the session read its refusal as an empty library.
+  const Outcome purchased = Vistrel({"purchased"});
+  EXPECT_EQ(4, purchased.exit_code) << purchased.out;
+  EXPECT_TRUE(Contains(purchased.err, "the shop refused the stored session: ")) << purchased.err;
 }
 
 TEST_F(VistrelClientTest, PasswordsFromTerminalStdinOrArguments) {

@@ -12,6 +12,7 @@
 #include <iostream>
 #include <mutex>
 #include <new>
+#include <tuple>
 
 #include "host/environment.h"
 #include "panelkit/panelkit.h"
@@ -391,6 +392,20 @@ StoreManager* StartLoggedIn(int* exit_code) {
   if (store != nullptr && !store->IsLoggedIn()) {
     *exit_code = Fail(kExitNotLoggedIn, "not logged in (run vistrel login or vistrel register)");
     return nullptr;
+  }
+  // An empty list of purchases may be a stored session that the shop no longer accepts: the
+  // library reads a refusal as no purchases, so ask once more and hear the shop's words.
+  if (store != nullptr && store->purchased().empty()) {
+    ServerApi api;
+    api.config_ = store->config();
+    api.session_id_ = store->session_id();
+    const ServerApi::Result result = std::get<0>(api.GetUserEbook());
+    if (result.code_ != ServerApi::kOk && !result.message_.empty()) {
+      *exit_code =
+          Fail(kExitNotLoggedIn,
+               "the shop refused the stored session: " + result.message_ + " (run vistrel login)");
+      return nullptr;
+    }
   }
   return store;
 }

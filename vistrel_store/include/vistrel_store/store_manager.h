@@ -151,6 +151,9 @@ class VISTREL_STORE_EXPORT StoreManager {
   const std::vector<Book>& purchased() const { return purchased_; }
   const PaymentData& payment_data() const { return payment_data_; }
   const std::string& order_date_processed() const { return order_date_processed_; }
+  // The shop session in force ("" when none), for a caller that checks it with a call of its
+  // own (an addition, like the views above).
+  const std::string& session_id() const { return session_id_; }
 
  private:
   StoreManager();
