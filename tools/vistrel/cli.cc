@@ -239,8 +239,10 @@ void WatchExchanges(bool verbose) {
 
 bool Unanswered(const TransferOutcome& outcome) {
   if (outcome.curl_code != 0 || outcome.http_code >= 500) return true;
-  // Only the shop's web service is posted to; anything but 200 there is no answer.
-  return outcome.method == "POST" && outcome.http_code != 200;
+  // Only the shop's web service is posted to; anything but 200 there is no answer. Nor is
+  // anything but 200 from the configuration server (a wrong address answers 404).
+  return (outcome.method == "POST" || StartsWith(outcome.url, SwitchboardInForce())) &&
+         outcome.http_code != 200;
 }
 
 void ForgetExchanges() {
