@@ -1,5 +1,6 @@
 // The catalogue and cart commands.
 
+#include <strings.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -252,6 +253,13 @@ int RunCatalog(const std::vector<std::string>& words) {
   }
   if (args.Has("--all") && args.Has("--search"))
     return Usage("--all and --search exclude each other");
+  if (args.Has("--feed")) {
+    const std::string& feed_url = args.Get("--feed");
+    if (strncasecmp(feed_url.c_str(), "http://", 7) != 0 &&
+        strncasecmp(feed_url.c_str(), "https://", 8) != 0) {
+      return Usage("--feed wants an http:// or https:// address, not " + feed_url);
+    }
+  }
   int code = 0;
   StoreManager* store = StartStore(&code);
   if (store == nullptr) return code;
